@@ -109,48 +109,43 @@ ErrorMsg* RTCDDAPI::showDateTime() {
     return nullptr;
 }
 
-ErrorMsg* RTCDDAPI::openAndRead(unsigned int function, struct rtc_time* tm) {
+// Reads the clock, lets change() edit the fields it sets, and writes the result back;
+// the fields it leaves alone keep the values just read.
+ErrorMsg* RTCDDAPI::rewriteClock(unsigned int function, void (*change)(struct rtc_time*, int, int, int),
+                                 int a, int b, int c) {
     quarn::Platform& p = quarn::platform();
     m_rtcFd = p.open(kRtcNode, O_RDONLY);
     if (m_rtcFd < 0) return returnErrorMsg(function | kOpenFail, nullptr, nullptr);
     if (p.ioctl(m_rtcFd, RTC_UIE_ON, nullptr) != 0 && errno != ENOTTY)
         return ioctlError(function | kIoctlFail, "RTC_UIE_ON");
-    memset(tm, 0, sizeof(*tm));
-    if (p.ioctl(m_rtcFd, RTC_RD_TIME, tm) != 0)
+    struct rtc_time tm;
+    memset(&tm, 0, sizeof(tm));
+    if (p.ioctl(m_rtcFd, RTC_RD_TIME, &tm) != 0)
         return ioctlError(function | kIoctlFail, "RTC_RD_TIME");
+    change(&tm, a, b, c);
+    if (p.ioctl(m_rtcFd, RTC_SET_TIME, &tm) != 0)
+        return ioctlError(function | kIoctlFail, "RTC_SET_TIME");
+    if (p.ioctl(m_rtcFd, RTC_UIE_OFF, nullptr) != 0)
+        return ioctlError(function | kIoctlFail, "RTC_UIE_OFF");
+    p.close(m_rtcFd);
+    m_rtcFd = -1;
     return nullptr;
 }
 
 ErrorMsg* RTCDDAPI::setDate(int year, int month, int day) {
-    struct rtc_time tm;
-    if (ErrorMsg* e = openAndRead(kSetDate, &tm)) return e;
-    tm.tm_year = year - 1900;
-    tm.tm_mon = month - 1;
-    tm.tm_mday = day;
-    quarn::Platform& p = quarn::platform();
-    if (p.ioctl(m_rtcFd, RTC_SET_TIME, &tm) != 0)
-        return ioctlError(kSetDate | kIoctlFail, "RTC_SET_TIME");
-    if (p.ioctl(m_rtcFd, RTC_UIE_OFF, nullptr) != 0)
-        return ioctlError(kSetDate | kIoctlFail, "RTC_UIE_OFF");
-    p.close(m_rtcFd);
-    m_rtcFd = -1;
-    return nullptr;
+    return rewriteClock(kSetDate, [](struct rtc_time* tm, int y, int m, int d) {
+        tm->tm_year = y - 1900;
+        tm->tm_mon = m - 1;
+        tm->tm_mday = d;
+    }, year, month, day);
 }
 
 ErrorMsg* RTCDDAPI::setTime(int hour, int minute, int second) {
-    struct rtc_time tm;
-    if (ErrorMsg* e = openAndRead(kSetTime, &tm)) return e;
-    tm.tm_hour = hour;
-    tm.tm_min = minute;
-    tm.tm_sec = second;
-    quarn::Platform& p = quarn::platform();
-    if (p.ioctl(m_rtcFd, RTC_SET_TIME, &tm) != 0)
-        return ioctlError(kSetTime | kIoctlFail, "RTC_SET_TIME");
-    if (p.ioctl(m_rtcFd, RTC_UIE_OFF, nullptr) != 0)
-        return ioctlError(kSetTime | kIoctlFail, "RTC_UIE_OFF");
-    p.close(m_rtcFd);
-    m_rtcFd = -1;
-    return nullptr;
+    return rewriteClock(kSetTime, [](struct rtc_time* tm, int h, int m, int s) {
+        tm->tm_hour = h;
+        tm->tm_min = m;
+        tm->tm_sec = s;
+    }, hour, minute, second);
 }
 
 ErrorMsg* RTCDDAPI::setRTCTimerRate(float period) {

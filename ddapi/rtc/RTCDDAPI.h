@@ -36,8 +36,8 @@ public:
     unsigned int periodicRate() const { return m_rate; }
 
 private:
-    // Reads the clock for a set operation; on failure returns the chain (fd closed).
-    ErrorMsg* openAndRead(unsigned int function, struct rtc_time* tm);
+    ErrorMsg* rewriteClock(unsigned int function, void (*change)(struct rtc_time*, int, int, int),
+                           int a, int b, int c);
     ErrorMsg* ioctlError(unsigned int code, const char* request);
 
     int m_rtcFd;
