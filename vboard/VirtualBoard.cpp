@@ -65,6 +65,7 @@ VirtualBoard::~VirtualBoard() {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_files.clear();
         m_fileModels.clear();
+        m_mappings.clear();
     }
     if (m_ownsRoot) {
         std::error_code ec;
@@ -272,11 +273,29 @@ void* VirtualBoard::mmap(size_t length, int prot, int flags, int fd, off_t offse
         errno = EBADF;
         return MAP_FAILED;
     }
-    return h->mmap(length, prot, flags, offset);
+    void* addr = h->mmap(length, prot, flags, offset);
+    if (addr != MAP_FAILED) {
+        // The mapping outlives the descriptor, as on Linux: the handle stays with it.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_mappings[addr] = h;
+    }
+    return addr;
 }
 
-// Mappings of models live as long as the model; host-file mappings are real.
-int VirtualBoard::munmap(void* addr, size_t length) { return ::munmap(addr, length); }
+int VirtualBoard::munmap(void* addr, size_t length) {
+    std::shared_ptr<FileHandle> h;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_mappings.find(addr);
+        if (it == m_mappings.end()) {
+            errno = EINVAL;
+            return -1;
+        }
+        h = it->second;
+        m_mappings.erase(it);
+    }
+    return h->munmap(addr, length);
+}
 
 int VirtualBoard::stat(const std::string& path, struct stat* st) {
     std::string n = normalize(path);

@@ -118,6 +118,7 @@ private:
     std::map<std::string, std::shared_ptr<DeviceModel>> m_devices;
     std::map<int, std::shared_ptr<FileHandle>> m_files;
     std::map<int, std::shared_ptr<DeviceModel>> m_fileModels;
+    std::map<void*, std::shared_ptr<FileHandle>> m_mappings;  // live mmaps and their handle
     int m_nextFd = 1000;  // far from the host's descriptors, so a mix-up shows
     std::map<uint16_t, std::shared_ptr<PortModel>> m_ports;
     std::map<uint16_t, uint32_t> m_stuckPorts;

@@ -187,3 +187,31 @@ TEST(RtcModel, DriftAppliesToTimeAndInterrupts) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(VirtualBoard, MappingsOutliveTheirDescriptorAndUnmapThroughTheirOwner) {
+    quarn::vboard::Board board;
+    board.writeFile("/sys/bus/pci/devices/0000:00:1f.2/resource0", std::string(4096, '\0'));
+    int fd = board.open("/sys/bus/pci/devices/0000:00:1f.2/resource0", O_RDWR);
+    ASSERT_GE(fd, 0);
+    void* p = board.mmap(4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ASSERT_NE(p, MAP_FAILED);
+    board.close(fd);
+    static_cast<volatile uint32_t*>(p)[1] = 0x12345678;  // still mapped after close
+    EXPECT_EQ(board.munmap(p, 4096), 0);
+    EXPECT_EQ(board.munmap(p, 4096), -1);  // not a mapping any more
+    EXPECT_EQ(errno, EINVAL);
+    std::string back;
+    int again = board.open("/sys/bus/pci/devices/0000:00:1f.2/resource0", O_RDONLY);
+    uint32_t word = 0;
+    ASSERT_EQ(board.pread(again, &word, 4, 4), 4);
+    EXPECT_EQ(word, 0x12345678u);
+    board.close(again);
+    int rtc = board.open("/dev/rtc0", O_RDONLY);
+    EXPECT_EQ(board.mmap(4096, PROT_READ, MAP_SHARED, rtc, 0), MAP_FAILED);  // no mmap on the clock
+    EXPECT_EQ(errno, ENODEV);
+    board.close(rtc);
+}
+
+}  // namespace
