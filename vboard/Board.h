@@ -6,7 +6,10 @@
 #include <string>
 
 #include "vboard/VirtualBoard.h"
+#include "vboard/models/I2cBoard.h"
+#include "vboard/models/MemoryController.h"
 #include "vboard/models/Pit8254Model.h"
+#include "vboard/models/ProcessorModels.h"
 #include "vboard/models/RtcModel.h"
 
 namespace quarn::vboard {
@@ -14,9 +17,14 @@ namespace quarn::vboard {
 class Board : public VirtualBoard {
 public:
     explicit Board(const std::string& root = "");
+    ~Board() override;
 
     std::shared_ptr<RtcModel> rtc;
     std::shared_ptr<Pit8254Model> pit;
+    std::unique_ptr<I2cBoard> i2c;
+    std::shared_ptr<ProcessorComplex> processors;
+    std::shared_ptr<McelogModel> mcelog;
+    std::unique_ptr<MemoryController> memory;  // /dev/mem, memmap, EDAC, memory.conf
 };
 
 }  // namespace quarn::vboard

@@ -51,6 +51,8 @@ public:
     virtual ~DeviceModel() = default;
     // A new handle, or null with errno set.
     virtual std::unique_ptr<FileHandle> open(int flags) = 0;
+    // A sysfs attribute looks like a regular file; other nodes are character devices.
+    virtual bool isAttribute() const { return false; }
 
     DeviceFaults& faults() { return m_faults; }
     // Serialises the model's state between threads of the simulated processes.

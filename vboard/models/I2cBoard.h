@@ -1,0 +1,37 @@
+// The board's I2C population: adapters, switches and devices, and the I2C profile
+// "/etc/quarn/I2C_profile.ini" that describes them (map in docs/i2c.md).
+#pragma once
+
+#include <memory>
+
+#include "vboard/VirtualBoard.h"
+#include "vboard/models/I2cBusModel.h"
+#include "vboard/models/I2cDeviceModels.h"
+
+namespace quarn::vboard {
+
+struct I2cBoard {
+    static constexpr int kBuses = 3;
+    static constexpr int kDimms = 4;
+
+    std::shared_ptr<I2cAdapterModel> adapter[kBuses];  // /dev/i2c-0..2
+    std::shared_ptr<Pca9548Model> mux0;   // bus 0, 0xE0: supplies, battery, backplane
+    std::shared_ptr<Pca9548Model> mux1;   // behind mux0 channel 3, 0xE4: backplane
+    std::shared_ptr<Pca9548Model> mux2;   // bus 1, 0xE2: memory channels
+    std::shared_ptr<SmbusDeviceModel> max6657;
+    std::shared_ptr<Ddr4SpdModel> spd[kDimms];
+    std::shared_ptr<SmbusDeviceModel> dimmTemp[kDimms];
+    std::shared_ptr<SmbusDeviceModel> psu[2];
+    std::shared_ptr<SmbusDeviceModel> battery;
+    std::shared_ptr<VpdEepromModel> vpd;
+    std::shared_ptr<VpdEepromModel> backplaneVpd;
+    std::shared_ptr<SmbusDeviceModel> backplaneTemp;
+
+    // Builds the models, adds "/dev/i2c-N" to board and writes the profile files.
+    explicit I2cBoard(VirtualBoard& board);
+};
+
+// The profile text the board writes.
+extern const char kI2cProfile[];
+
+}  // namespace quarn::vboard
