@@ -20,6 +20,7 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     mcelog = std::make_shared<McelogModel>();
     addDevice("/dev/mcelog", mcelog);
     addHostBridge(*this);
+    pci = std::make_unique<PciBoard>(*this);
     quarn::registerLibpciSysfsPath(this, hostPath("/sys/bus/pci"));
 
     // Four 32 GiB registered DIMMs (their SPD images are on the I2C buses); the kernel
@@ -27,6 +28,28 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     memory = std::make_unique<MemoryController>(32ULL << 30);
     memory->install(*this, "8G");
     writeMeminfo(*this, 8u << 20, 6u << 20);
+
+    // The PLX switch's register windows, with register semantics through /dev/mem.
+    for (const PciBoard::Window& w : pci->windows) {
+        std::shared_ptr<PlxRegisters> plx = pci->plx;
+        memory->memory()->addRegisterWindow(
+            w.base, w.length,
+            [plx](uint64_t offset, int width) -> uint64_t {
+                const uint32_t o = static_cast<uint32_t>(offset);
+                if (width == 8) return plx->read(o, 4) | (static_cast<uint64_t>(plx->read(o + 4, 4)) << 32);
+                return plx->read(o, width);
+            },
+            [plx](uint64_t offset, uint64_t value, int width) {
+                const uint32_t o = static_cast<uint32_t>(offset);
+                if (width == 8) {
+                    plx->write(o, static_cast<uint32_t>(value), 4);
+                    plx->write(o + 4, static_cast<uint32_t>(value >> 32), 4);
+                } else {
+                    plx->write(o, static_cast<uint32_t>(value), width);
+                }
+            });
+    }
+
 
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }

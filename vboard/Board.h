@@ -8,6 +8,7 @@
 #include "vboard/VirtualBoard.h"
 #include "vboard/models/I2cBoard.h"
 #include "vboard/models/MemoryController.h"
+#include "vboard/models/PciModels.h"
 #include "vboard/models/Pit8254Model.h"
 #include "vboard/models/ProcessorModels.h"
 #include "vboard/models/RtcModel.h"
@@ -25,6 +26,7 @@ public:
     std::shared_ptr<ProcessorComplex> processors;
     std::shared_ptr<McelogModel> mcelog;
     std::unique_ptr<MemoryController> memory;  // /dev/mem, memmap, EDAC, memory.conf
+    std::unique_ptr<PciBoard> pci;  // PCI hierarchy, config mechanism #1, PLX registers
 };
 
 }  // namespace quarn::vboard

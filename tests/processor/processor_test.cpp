@@ -314,11 +314,11 @@ TEST_F(ProcessorTest, HostBridgeRegisterThroughLibpci) {
     pci_device wide{0, 0, 0xC8, 0, 3};
     EXPECT_EQ(render(dev.RegRead(&wide)),
               "ProcessorDDAPIFail to parse error code!!");
-    pci_device absent{0x0300, 0, 0, 0, 4};
+    pci_device absent{0x7E00, 0, 0, 0, 4};  // no function on bus 0x7e
     ErrorMsg* e = dev.RegRead(&absent);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrorCode(), 0xC1081002u);
-    EXPECT_EQ(e->getDetailMessage(), "no PCI device 0000:03:00.0");
+    EXPECT_EQ(e->getDetailMessage(), "no PCI device 0000:7e:00.0");
     deleteErrorMsg(e);
 }
 

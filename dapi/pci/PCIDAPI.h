@@ -1,0 +1,63 @@
+// PCI diagnostic layer: the device list for the front end, hidden functions, configuration
+// reads and writes, error reports and clears, switch error tables and the slot report.
+#pragma once
+
+#include <list>
+#include <string>
+#include <vector>
+
+#include "api/BaseClass.h"
+#include "ddapi/pci/PCITypes.h"
+
+class PCIDDAPI;
+
+class QUARN_EXPORT PCIDAPI : public BaseClassDAPI {
+public:
+    explicit PCIDAPI(const char* name);
+    ~PCIDAPI() override;
+
+    PCIDDAPI* device() { return m_device; }
+
+    ErrorMsg* getDevices(std::vector<_PCIInformantion>* list);
+    ErrorMsg* scanHiddenDevices(uint16_t domain, std::vector<_PCIInformantion>* out);
+    ErrorMsg* convertStringToClassCode(std::string text, uint32_t* code);
+    ErrorMsg* readConfig(_PFA pfa, uint32_t first, uint32_t last, uint8_t* buffer);
+    ErrorMsg* writeConfig(_PFA pfa, uint32_t offset, uint8_t* data, uint32_t length);
+    ErrorMsg* ConfigWriteByte(_PFA pfa, uint32_t offset, uint8_t value);
+    ErrorMsg* ConfigWriteWord(_PFA pfa, uint32_t offset, uint16_t value);
+    ErrorMsg* ConfigWriteDword(_PFA pfa, uint32_t offset, uint32_t value);
+    bool isPCIe(_PFA pfa);
+    ERRORCODE checkPresenceOfDevice(_PFA pfa);
+    uint32_t GetDataByBDF(_PFA pfa, _DATA_TYPE type);
+    float GetReadableSpeed(_PFA pfa, _DATA_TYPE type);
+    std::string getReadableStringByBDF(_PFA pfa, _DATA_TYPE type);
+    void showPciDefinedTypes();
+
+    // Error statistics.
+    ErrorMsg* getErrorStatistics(_PFA pfa, _PCI_ERROR_TYPE family, std::list<_PCI_ERROR>* out);
+    ErrorMsg* showErrorStatistics(_PFA pfa, _PCI_ERROR_TYPE family, bool summary);
+    // side 3 selects the link side; any other value the virtual side.
+    ErrorMsg* showPlxNtbErrorStatistics(_PFA pfa, _PCI_ERROR_TYPE family, bool summary, uint8_t side);
+    void showErrors(std::list<_PCI_ERROR> errors, _PCI_ERROR_TYPE family, bool summary);
+    ErrorMsg* clearErrors(_PFA pfa);
+    ErrorMsg* getSwitchPortsInformation(std::string switchID, std::vector<_PORT_ERROR>* out);
+    ErrorMsg* getSwitchErrorStatistics(std::string switchID, std::vector<_PORT_ERROR>* out);
+    ErrorMsg* showSwitchErrorStatistics(std::string switchID, _PCI_ERROR_TYPE family);
+    ErrorMsg* clearPCIeSwitchPortErrors(std::string switchID);
+    void showSwitchPciErrors(std::vector<_PORT_ERROR> ports, std::vector<std::string> portNames,
+                             std::vector<std::string> errorNames, uint32_t table[][20]);
+    void showSwitchPCIeErrors(std::vector<_PORT_ERROR> ports, std::vector<std::string> portNames,
+                              std::vector<std::string> errorNames, uint32_t table[][20]);
+    void showSwitchAerErrors(std::vector<_PORT_ERROR> ports, std::vector<std::string> portNames,
+                             std::vector<std::string> errorNames, uint32_t table[][20]);
+
+    // Slots and switches.
+    ErrorMsg* displayHBAs();
+    ErrorMsg* getPCIeSwitchList(std::vector<_SWITCH_UNIT>* units, uint32_t* count);
+
+private:
+    ErrorMsg* collectSwitch(ERRORCODE function, const std::string& switchID,
+                            std::vector<_PORT_ERROR>* out, _SWITCH_UNIT* unitOut);
+
+    PCIDDAPI* m_device;
+};
