@@ -5,6 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 mode=${1:-plain}
+filter=${2:-}  # optional ctest name regex
 case "$mode" in
   plain)    dir=build;          extra=() ;;
   --sanitize) dir=build-asan;   extra=(-DQUARN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug) ;;
@@ -14,4 +15,5 @@ esac
 scripts/build.sh "$dir" "${extra[@]}"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 600
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" --timeout 600 ${filter:+-R "$filter"}

@@ -341,7 +341,9 @@ void PhysicalMemory::addRegisterWindow(uint64_t start, uint64_t length, Register
     m_registerWindows.push_back({start, length, std::move(read), std::move(write)});
 }
 
-// These run in the trap handler, on the thread that made the access.
+// These run in the trap handler, on the thread that made the access. The signal is
+// synchronous: it interrupts a plain load or store of the accessing code, never the
+// allocator or a lock holder, so the models' callbacks may allocate and lock.
 void PhysicalMemory::beforeAccess(uint64_t physAddress, uint8_t* host, int width, bool write) {
     const RegisterWindow* rw = registerWindow(physAddress);
     if (!rw || write) return;
