@@ -50,6 +50,7 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
             });
     }
 
+    scsiDisk = installScsiDisk(*this, 0, "sda");
 
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }

@@ -12,6 +12,7 @@
 #include "vboard/models/Pit8254Model.h"
 #include "vboard/models/ProcessorModels.h"
 #include "vboard/models/RtcModel.h"
+#include "vboard/models/ScsiDiskModel.h"
 
 namespace quarn::vboard {
 
@@ -27,6 +28,7 @@ public:
     std::shared_ptr<McelogModel> mcelog;
     std::unique_ptr<MemoryController> memory;  // /dev/mem, memmap, EDAC, memory.conf
     std::unique_ptr<PciBoard> pci;  // PCI hierarchy, config mechanism #1, PLX registers
+    std::shared_ptr<ScsiDiskModel> scsiDisk;  // SAS disk behind the SAS3008: /dev/sg0, sda
 };
 
 }  // namespace quarn::vboard
