@@ -16,6 +16,7 @@ enum class Format { Text, Json };
 // rendered error chain when it failed.
 struct Context {
     Format format = Format::Text;
+    bool virtualBoard = false;  // the simulated board: its RAM costs host memory when touched
     Value result = Value::object();
     std::string text;       // printed in text mode
     std::string error;      // the rendered chain, empty on success

@@ -187,6 +187,7 @@ int main(int argc, char** argv) {
 
     Context ctx;
     ctx.format = format;
+    ctx.virtualBoard = board == "virtual";
     int status = command->run(ctx, rest);
     quarn::installPlatform(nullptr);
 

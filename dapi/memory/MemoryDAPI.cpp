@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "api/StringUtil.h"
+#include "api/platform/Files.h"
 #include "api/platform/Platform.h"
 
 namespace {
@@ -717,4 +718,255 @@ ErrorMsg* MemoryDAPI::releaseMemoryBuffer(unsigned long long buffer) {
         return returnErrorMsg(kReleaseMemoryBuffer | kBadParameter, "Invalid buffer address", nullptr);
     ErrorMsg* chain = m_device->releaseMemoryBuffer(buffer);
     return chain ? returnErrorMsg(kReleaseMemoryBuffer, nullptr, chain) : nullptr;
+}
+
+// ---- Testable memory ----
+
+namespace {
+const char kLayoutPath[] = "/tmp/veltrax/ktd/mem/layout";
+const char kTestablePath[] = "/tmp/veltrax/ktd/mem/testable";
+const char kMemDir[] = "/tmp/veltrax/ktd/mem/";
+constexpr ERRORCODE kGetTestableMemory = 0xC2042C00;
+constexpr ERRORCODE kInitTestableFile = 0xC2046000;
+constexpr ERRORCODE kNoTestable = 0x04;
+// Interleave description lines are the driver's; more items than this on one line
+// is a damaged file rather than a layout.
+constexpr size_t kMaxItems = 256;
+
+std::vector<std::string> lines(const std::string& text, size_t maxLength) {
+    std::vector<std::string> out;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t nl = text.find('\n', pos);
+        if (nl == std::string::npos) nl = text.size();
+        out.push_back(text.substr(pos, std::min(nl - pos, maxLength)));
+        pos = nl + 1;
+    }
+    return out;
+}
+
+// "label: 0x...-0x..." → label, start, end.
+bool parseRangeLine(const std::string& line, std::string* label, unsigned long long* start,
+                    unsigned long long* end) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos) return false;
+    if (sscanf(line.c_str() + colon + 1, " 0x%llx-0x%llx", start, end) != 2) return false;
+    *label = line.substr(0, colon);
+    return true;
+}
+
+// "label: 1,2,3" → the integers; false for a line that is not such a list.
+bool parseLevelLine(const std::string& line, std::list<int>* items) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos) return false;
+    items->clear();
+    const char* p = line.c_str() + colon + 1;
+    while (*p) {
+        char* next = nullptr;
+        long v = strtol(p, &next, 10);
+        if (next == p) return false;
+        if (v < INT_MIN || v > INT_MAX || items->size() >= kMaxItems) return false;
+        items->push_back(static_cast<int>(v));
+        p = next;
+        while (*p == ' ') ++p;
+        if (*p == ',') ++p;
+        else if (*p) return false;
+    }
+    return !items->empty();
+}
+}  // namespace
+
+ErrorMsg* MemoryDAPI::getTestableMemory(std::list<MemoryRange>* ranges, unsigned long long start,
+                                        unsigned long long end) {
+    if (!ranges)
+        return returnErrorMsg(kGetTestableMemory | kBadParameter1, "Testable memory list is a NULL", nullptr);
+    std::string text;
+    if (quarn::readTextFile(kTestablePath, &text) != 0) {
+        if (ErrorMsg* chain = initializeTestableMemoryFile())
+            return returnErrorMsg(kGetTestableMemory, nullptr, chain);
+        if (quarn::readTextFile(kTestablePath, &text) != 0)
+            return returnErrorMsg(kGetTestableMemory | kOpenFileFail,
+                                  (std::string("can not open ") + kTestablePath).c_str(), nullptr);
+    }
+    ranges->clear();
+    const std::vector<std::string> all = lines(text, 127);
+    for (size_t i = 0; i < all.size(); ++i) {
+        MemoryRange r;
+        if (!parseRangeLine(all[i], &r.name, &r.start, &r.end)) continue;
+        // Level 1: one line; level 2: one line per level-1 item; level 3: one line per
+        // item of all level-2 lines.
+        size_t next = i + 1;
+        std::list<int> items;
+        if (next < all.size() && parseLevelLine(all[next], &items)) {
+            r.ranks = items;
+            ++next;
+            size_t level3 = 0;
+            for (size_t k = 0; k < r.ranks.size() && next < all.size(); ++k, ++next) {
+                if (!parseLevelLine(all[next], &items)) break;
+                r.rankGroups.push_back(items);
+                level3 += items.size();
+            }
+            for (size_t k = 0; k < level3 && next < all.size(); ++k, ++next) {
+                if (!parseLevelLine(all[next], &items)) break;
+                r.rankAddresses.push_back(items);
+            }
+        }
+        i = next - 1;
+        if (start != 0 || end != 0) {
+            if (r.end < start || end < r.start) continue;
+            r.start = std::max(r.start, start);
+            r.end = std::min(r.end, end);
+        }
+        ranges->push_back(r);
+    }
+    if (ranges->empty()) return returnErrorMsg(kGetTestableMemory | kNoTestable, nullptr, nullptr);
+    return nullptr;
+}
+
+ErrorMsg* MemoryDAPI::initializeTestableMemoryFile() {
+    std::string cmdline;
+    if (quarn::readTextFile("/proc/cmdline", &cmdline) != 0)
+        return returnErrorMsg(kGetTestableMemory | kOpenFileFail, "can not open /proc/cmdline",
+                              nullptr);
+    // The limit after "mem=": G or M (either case) scale by 2^30 or 2^20, anything
+    // else (K included, or nothing) by 2^10. The whole line is searched, so a "mem="
+    // is found wherever the line breaks.
+    unsigned long long limit = 0;
+    const size_t at = cmdline.find("mem=");
+    if (at != std::string::npos) {
+        const char* p = cmdline.c_str() + at + 4;
+        char* tail = nullptr;
+        unsigned long long n = strtoull(p, &tail, 10);
+        if (tail != p) {
+            const char unit = *tail;
+            const unsigned shift = (unit == 'G' || unit == 'g') ? 30 : (unit == 'M' || unit == 'm') ? 20 : 10;
+            limit = n > (~0ULL >> shift) ? 0 : n << shift;
+        }
+    }
+    if (limit == 0) return returnErrorMsg(kInitTestableFile | kNoTestable, nullptr, nullptr);
+    const unsigned long long last = limit - 1;
+
+    std::string layout;
+    if (quarn::readTextFile(kLayoutPath, &layout) != 0) {
+        if (ErrorMsg* chain = m_device->initializeMemoryLayoutFile())
+            return returnErrorMsg(kInitTestableFile, nullptr, chain);
+        if (quarn::readTextFile(kLayoutPath, &layout) != 0)
+            return returnErrorMsg(kInitTestableFile | kOpenFileFail,
+                                  (std::string("can not open ") + kLayoutPath).c_str(), nullptr);
+    }
+    const std::vector<std::string> all = lines(layout, 127);
+    std::string out;
+    bool written = false;
+    auto countItems = [](const std::string& line) {
+        return static_cast<size_t>(std::count(line.begin(), line.end(), ',')) + 1;
+    };
+    for (size_t i = 0; i < all.size(); ++i) {
+        const std::string& line = all[i];
+        std::string label;
+        unsigned long long s = 0, e = 0;
+        if (line.find('-') == std::string::npos || !parseRangeLine(line, &label, &s, &e)) continue;
+        if (e <= last) continue;  // all below the limit: its description lines are skipped too
+        if (s < last)
+            out += label + ":" + UINT64ToHexStr(last + 1) + "-" + UINT64ToHexStr(e) + "\n";
+        else
+            out += line + "\n";
+        size_t next = i + 1;
+        if (next >= all.size()) break;
+        const size_t n = std::min(countItems(all[next]), kMaxItems);
+        out += all[next++] + "\n";
+        size_t m = 0;
+        for (size_t k = 0; k < n && next < all.size(); ++k) {
+            m += countItems(all[next]);
+            out += all[next++] + "\n";
+        }
+        m = std::min(m, kMaxItems * kMaxItems);
+        for (size_t k = 0; k < m && next < all.size(); ++k) out += all[next++] + "\n";
+        i = next - 1;
+        written = true;
+    }
+    if (!written) {
+        quarn::removePath(kTestablePath);
+        return returnErrorMsg(kInitTestableFile | kNoTestable, nullptr, nullptr);
+    }
+    if (quarn::makeDirectories(kMemDir) != 0 || quarn::writeScratchFile(kTestablePath, out) != 0)
+        return returnErrorMsg(kInitTestableFile | kOpenFileFail,
+                              (std::string("can not open ") + kTestablePath).c_str(), nullptr);
+    return nullptr;
+}
+
+std::list<MemoryRange> MemoryDAPI::placeRanks(std::list<MemoryRange> ranks,
+                                              unsigned long long H, unsigned long long E) {
+    auto piece = [](const std::string& name, unsigned long long start, unsigned long long end) {
+        MemoryRange r;
+        r.name = name;
+        r.start = start;
+        r.end = end;
+        return r;
+    };
+    // Pass 1: ranks of DIMMs based at or above H move down by what was taken out; a
+    // rank crossing H is cut at H and its top set aside; ranks wholly above H of a DIMM
+    // based below H are set aside whole.
+    std::list<MemoryRange> moved;
+    unsigned long long shift = 0, base = 0;
+    std::string current;
+    bool first = true;
+    for (auto it = ranks.begin(); it != ranks.end();) {
+        if (first || it->name != current) {
+            current = it->name;
+            base = it->start;
+            first = false;
+        }
+        if (base >= H) {
+            it->start -= shift;
+            it->end -= shift;
+            ++it;
+        } else if (it->end < H) {
+            ++it;
+        } else if (it->start < H) {
+            moved.push_back(piece(it->name, 0, it->end - H));
+            if (it->end != H) shift += it->end - H + 1;
+            it->end = H - 1;
+            ++it;
+        } else {
+            moved.push_back(piece(it->name, 0, it->end - it->start));
+            shift += it->end - it->start + 1;
+            it = ranks.erase(it);
+        }
+    }
+    // Pass 2: the pieces set aside go after the last range, in order.
+    for (MemoryRange& m : moved) {
+        const unsigned long long after = ranks.empty() ? 0 : ranks.back().end + 1;
+        m.start += after;
+        m.end += after;
+        ranks.push_back(m);
+    }
+    // Pass 3: the last len bytes below H move up to [last end + 1, E], range by range.
+    if (!ranks.empty() && ranks.back().end < E) {
+        unsigned long long s = ranks.back().end + 1;
+        const unsigned long long len = E + 1 - s;
+        unsigned long long T = H - len;
+        // Only the ranges present when the pass starts are visited; the walk ends at
+        // the first range that reaches H - 1, or when those ranges run out.
+        size_t remaining = ranks.size();
+        for (auto it = ranks.begin(); it != ranks.end() && remaining > 0; --remaining) {
+            if (it->end < T) {
+                ++it;
+                continue;
+            }
+            const unsigned long long formerEnd = it->end;
+            ranks.push_back(piece(it->name, s, s + formerEnd - T));
+            s += formerEnd + 1 - T;
+            if (it->start < T) {
+                it->end = T - 1;
+                ++it;
+            } else {
+                it = ranks.erase(it);
+            }
+            if (formerEnd < H - 1)
+                T = formerEnd + 1;
+            else
+                break;
+        }
+    }
+    return ranks;
 }

@@ -58,6 +58,16 @@ public:
     ErrorMsg* getMemoryBuffer(unsigned int size, unsigned long long* buffer);
     ErrorMsg* releaseMemoryBuffer(unsigned long long buffer);
 
+    // Testable memory: the layout above the kernel's "mem=" limit.
+    ErrorMsg* getTestableMemory(std::list<MemoryRange>* ranges, unsigned long long start,
+                                unsigned long long end);
+    ErrorMsg* initializeTestableMemoryFile();
+    // Places a rank map (ranks back to back from 0, in DIMM order) onto the physical
+    // address space around the hole below highStart; highEnd is the last byte of RAM.
+    static std::list<MemoryRange> placeRanks(std::list<MemoryRange> ranks,
+                                             unsigned long long highStart,
+                                             unsigned long long highEnd);
+
     unsigned long long alignMemoryAddress(unsigned long long address, int width);
     unsigned long long getTestBlockSize();
     MemoryRange getOverlapMemoryRange(MemoryRange a, MemoryRange b);

@@ -56,6 +56,15 @@ contains unknown-board 2 "unknown board 'mars'" "$q" --board mars rtc show
 contains unknown-format 2 "unknown output format 'xml'" "$q" --output-format=xml error 0
 contains help 0 'rtc      show | set-date | set-time | set | accuracy-test | wdt-test' "$q" --help
 contains rtc-help 0 'quarn rtc accuracy-test' "$q" rtc --help
+check memory-testable 0 'range1: 0x0000000200000000-0x000000207fffffff  (124928 MiB)' "$q" --board virtual memory testable
+check memory-pattern 0 'memory pattern test passed on 0x0000000300000000-0x00000003000fffff' \
+  "$q" --board virtual memory test pattern 0x300000000 0x300100000 32 0x5a5a5a5a
+check memory-hole 0 '0x0000000090000000: 0xffffffff' "$q" --board virtual memory read 0x90000000
+contains memory-bad-width 2 'usage: quarn memory test KIND' "$q" --board virtual memory test marchc 0x300000000 0x300001000 12
+contains memory-clip 0 '"clipped_to_bytes":268435456' "$q" --board virtual -o json memory test fill testable
+check memory-value-too-wide 2 'quarn: memory write: value does not fit the width' "$q" --board virtual memory write 0x300000000 0x100 8
+check cpu-mce 0 'No MCE error message.' "$q" --board virtual cpu mce
+check stability 0 'PASSED' "$q" --board virtual stability --power 16 --instances 2 --quiet
 # On this machine: a documented chain or a date, never a crash.
 out=$("$q" --board host rtc show 2>&1); rc=$?
 if [ $rc -le 1 ] && [[ $rc == 0 || "$out" == RTCDAPI::showDateTime* ]]; then pass=$((pass + 1)); else
