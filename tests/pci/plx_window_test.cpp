@@ -31,3 +31,37 @@ TEST(PlxWindow, PortRegistersThroughBarZeroFollowConfigurationSemantics) {
 }
 
 }  // namespace
+
+#include "ddapi/pci/PCIDDAPI.h"
+
+namespace {
+
+// The NT link side exists only in the switch's register space: its errors are read
+// and cleared through the memory window.
+TEST(PlxWindow, NtLinkSideErrorsAreReadAndClearedThroughTheWindow) {
+    quarn::vboard::Board board;
+    quarn::installPlatform(&board);
+    {
+        PCIDDAPI pci("PCIDDAPI");
+        const _PFA ntb{0, 7, 0, 0, 0};
+        board.pci->plxLink->raise(0x06, 0x2000, 2);  // received master abort on the link side
+        std::list<_PCI_ERROR> errors;
+        ASSERT_EQ(pci.getPlxNtbLinkSideErrorStatistics(ntb, PCI_COMPATIBLE_ERROR, &errors), 0u);
+        unsigned int set = 0;
+        std::string names;
+        for (const _PCI_ERROR& e : errors) {
+            if (e.value) {
+                ++set;
+                names += e.name;
+            }
+        }
+        EXPECT_EQ(set, 1u) << names;
+        // The virtual side saw nothing.
+        EXPECT_EQ(board.pci->function("0000:07:00.0")->read(0x06, 2) & 0xF900, 0u);
+        ASSERT_EQ(pci.clearPlxNtbLinkSideErrors(ntb), 0u);
+        EXPECT_EQ(board.pci->plxLink->read(0x06, 2) & 0xF900, 0u);
+    }
+    quarn::installPlatform(nullptr);
+}
+
+}  // namespace
