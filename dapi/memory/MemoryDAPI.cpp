@@ -604,15 +604,25 @@ ErrorMsg* MemoryDAPI::eccErrorDetectionTest(unsigned long long start, unsigned l
     const unsigned long long a = alignMemoryAddress(start, 64);
     initProgress(end > a ? (end - a) / 8 : 0);
     for (unsigned long long w = a; w < end; w += 8) {
-        for (const auto& inj : kInjections) {
-            if (ErrorMsg* chain = m_device->injectECC(w, inj.second, inj.bit)) {
-                initProgress(0);
-                deleteErrorMsg(m_device->clearECCReport());
-                return returnErrorMsg(kECCDetectionTest, nullptr, chain);
-            }
-        }
+        if (ErrorMsg* chain = injectWord(w)) return chain;
         updateProgress(1);
     }
+    return finishEccDetection();
+}
+
+// The eight injections of one word; a failure clears the counters and ends the test.
+ErrorMsg* MemoryDAPI::injectWord(unsigned long long address) {
+    for (const auto& inj : kInjections) {
+        if (ErrorMsg* chain = m_device->injectECC(address, inj.second, inj.bit)) {
+            initProgress(0);
+            deleteErrorMsg(m_device->clearECCReport());
+            return returnErrorMsg(kECCDetectionTest, nullptr, chain);
+        }
+    }
+    return nullptr;
+}
+
+ErrorMsg* MemoryDAPI::finishEccDetection() {
     if (ErrorMsg* chain = m_device->clearECCReport())
         return failTest(returnErrorMsg(kECCDetectionTest, nullptr, chain));
     return nullptr;
@@ -629,18 +639,10 @@ ErrorMsg* MemoryDAPI::eccErrorDetectionTest(unsigned long long start, unsigned l
         unsigned long long p = 0;
         if (ErrorMsg* chain = m_device->getPhysicalAddress(r0 + i * 8, a, b, c, &p))
             return failTest(returnErrorMsg(kECCDetectionTest, nullptr, chain));
-        for (const auto& inj : kInjections) {
-            if (ErrorMsg* chain = m_device->injectECC(p, inj.second, inj.bit)) {
-                initProgress(0);
-                deleteErrorMsg(m_device->clearECCReport());
-                return returnErrorMsg(kECCDetectionTest, nullptr, chain);
-            }
-        }
+        if (ErrorMsg* chain = injectWord(p)) return chain;
         updateProgress(1);
     }
-    if (ErrorMsg* chain = m_device->clearECCReport())
-        return failTest(returnErrorMsg(kECCDetectionTest, nullptr, chain));
-    return nullptr;
+    return finishEccDetection();
 }
 
 ErrorMsg* MemoryDAPI::getECCReport(std::list<ECCInformation>* report) {

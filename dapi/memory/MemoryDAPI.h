@@ -78,6 +78,8 @@ private:
     template <typename T>
     ErrorMsg* marchElement(unsigned long long from, unsigned long long to, T expected, T written);
     ErrorMsg* failTest(ErrorMsg* chain);
+    ErrorMsg* injectWord(unsigned long long address);
+    ErrorMsg* finishEccDetection();
 
     MemoryDDAPI* m_device;
     int m_socketCount;

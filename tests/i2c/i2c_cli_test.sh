@@ -2,20 +2,7 @@
 # quarn i2c end to end on the virtual board: output, JSON, exit status.
 set -u
 q=$1
-pass=0 fail=0
-check() {  # name, expected exit, expected output (exact), command...
-  local name=$1 want_rc=$2 want_out=$3
-  shift 3
-  local out rc
-  out=$("$@" 2>&1)
-  rc=$?
-  if [ "$rc" = "$want_rc" ] && [ "$out" = "$want_out" ]; then
-    pass=$((pass + 1))
-  else
-    fail=$((fail + 1))
-    printf 'FAIL %s: rc %s (want %s)\n  got:  %q\n  want: %q\n' "$name" "$rc" "$want_rc" "$out" "$want_out"
-  fi
-}
+. "$(dirname "$0")/../lib/check.sh"
 
 check read-by-address 0 '0000: 29 34 ' "$q" --board virtual i2c read 0:0x98 0 1
 check read-json 0 '{"command":"i2c read","board":"virtual","status":"pass","result":{"device":"0:0x98","start":0,"count":2,"values":[41,52]}}' \
