@@ -52,6 +52,25 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
 
     scsiDisk = installScsiDisk(*this, 0, "sda");
 
+    // The AHCI controller's ABAR sits at 0xFBF02000 (the address the SATA layer reads its
+    // port registers at); two SATA disks on ports 0 and 2. The window covers the whole
+    // page, as /dev/mem maps pages: the 2 KB past the BAR read as zero.
+    ahci = std::make_shared<AhciControllerModel>(6);
+    {
+        std::shared_ptr<AhciControllerModel> a = ahci;
+        memory->memory()->addRegisterWindow(
+            0xFBF02000, 0x1000, [a](uint64_t offset, int width) { return a->read(offset, width); },
+            [a](uint64_t offset, uint64_t value, int width) { a->write(offset, value, width); });
+    }
+    sataDisk0 = installSataDisk(*this, *ahci, 0, 1, "sdb");
+    SataDiskConfig second;
+    second.model = "ST2000NM0055-1V4104";
+    second.serial = "ZC20K7MQ";
+    second.firmware = "SN04";
+    second.blocks = 3907029168ull;
+    second.rpm = 7200;
+    sataDisk2 = installSataDisk(*this, *ahci, 2, 2, "sdc", second);
+
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }
 

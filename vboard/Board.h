@@ -13,6 +13,8 @@
 #include "vboard/models/ProcessorModels.h"
 #include "vboard/models/RtcModel.h"
 #include "vboard/models/ScsiDiskModel.h"
+#include "vboard/models/AhciControllerModel.h"
+#include "vboard/models/SataDiskModel.h"
 
 namespace quarn::vboard {
 
@@ -29,6 +31,9 @@ public:
     std::unique_ptr<MemoryController> memory;  // /dev/mem, memmap, EDAC, memory.conf
     std::unique_ptr<PciBoard> pci;  // PCI hierarchy, config mechanism #1, PLX registers
     std::shared_ptr<ScsiDiskModel> scsiDisk;  // SAS disk behind the SAS3008: /dev/sg0, sda
+    std::shared_ptr<AhciControllerModel> ahci;  // 00:1f.2 ABAR registers (6 ports)
+    std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
+    std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
 };
 
 }  // namespace quarn::vboard

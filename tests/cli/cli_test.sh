@@ -39,6 +39,9 @@ contains memory-clip 0 '"clipped_to_bytes":268435456' "$q" --board virtual -o js
 check memory-value-too-wide 2 'quarn: memory write: value does not fit the width' "$q" --board virtual memory write 0x300000000 0x100 8
 check cpu-mce 0 'No MCE error message.' "$q" --board virtual cpu mce
 check stability 0 'PASSED' "$q" --board virtual stability --power 16 --instances 2 --quiet
+contains sata-ports 0 '3   SATA0-Port2   linked   6 Gb/s' "$q" --board virtual sata ports
+contains sata-smart 0 'reallocated-sector-count' "$q" --board virtual sata smart 1
+contains sata-read-json 0 '"status":"pass"' "$q" --board virtual -o json sata read-test 1
 # On this machine: a documented chain or a date, never a crash.
 out=$("$q" --board host rtc show 2>&1); rc=$?
 if [ $rc -le 1 ] && [[ $rc == 0 || "$out" == RTCDAPI::showDateTime* ]]; then pass=$((pass + 1)); else

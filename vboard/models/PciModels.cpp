@@ -419,7 +419,7 @@ PciBoard::PciBoard(VirtualBoard& board) : m_board(board) {
     ahci->addCapability(0x05, 0x10);
     ahci->addCapability(0x01, 8);
     ahci->setBar(4, 0xF060, 0x20, 1);
-    ahci->setBar(5, 0xFBA00000, 0x800, 0);
+    ahci->setBar(5, 0xFBF02000, 0x800, 0);
     add("0000:00:1f.2", ahci, "ahci");
     auto smbus = make(0x8086, 0x8C22, 0x0C0500, 5, 0x00, 256);
     smbus->setBar(0, 0xFBA01000, 0x100, 0x4);
