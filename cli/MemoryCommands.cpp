@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "api/StringUtil.h"
+#include "api/platform/Files.h"
 #include "cli/Cli.h"
 #include "cli/Progress.h"
 #include "dapi/memory/MemoryDAPI.h"
@@ -73,6 +74,43 @@ int testable(Context& ctx, const std::vector<std::string>& args) {
                     std::to_string((r.end - r.start + 1) >> 20) + " MiB)\n";
     }
     ctx.result.set("ranges", list);
+    return 0;
+}
+
+Value rangesValue(const std::list<MemoryRange>& ranges, std::string* text) {
+    Value list = Value::array();
+    for (const MemoryRange& r : ranges) {
+        list.push(Value::object().set("name", r.name).set("start", hex(r.start)).set("end", hex(r.end)));
+        *text += r.name + ": " + hex(r.start) + "-" + hex(r.end) + "\n";
+    }
+    return list;
+}
+
+int ranks(Context& ctx, const std::vector<std::string>& args) {
+    if (!args.empty()) return ctx.usage("memory ranks takes no arguments");
+    MemoryDAPI memory("MemoryDAPI");
+    std::list<MemoryRange> ranges;
+    if (ErrorMsg* e = memory.getRankRange(&ranges)) return ctx.fail(e);
+    ctx.result.set("ranks", rangesValue(ranges, &ctx.text));
+    return 0;
+}
+
+int layout(Context& ctx, const std::vector<std::string>& args) {
+    if (!args.empty()) return ctx.usage("memory layout takes no arguments");
+    MemoryDAPI memory("MemoryDAPI");
+    if (ErrorMsg* e = memory.initializeMemoryLayoutFile()) return ctx.fail(e);
+    std::string text;
+    quarn::readTextFile("/tmp/veltrax/ktd/mem/layout", &text);
+    Value lines = Value::array();
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t nl = text.find('\n', pos);
+        if (nl == std::string::npos) nl = text.size();
+        lines.push(text.substr(pos, nl - pos));
+        pos = nl + 1;
+    }
+    ctx.result.set("file", "/tmp/veltrax/ktd/mem/layout").set("lines", lines);
+    ctx.text = text;
     return 0;
 }
 
@@ -195,6 +233,8 @@ Register reg{
     {"memory", "ecc", "", "corrected-error counts per DIMM (EDAC)", ecc},
     {"memory", "ecc-clear", "", "reset the corrected-error counters", eccClear},
     {"memory", "testable", "[START END]", "memory above the kernel's mem= limit", testable},
+    {"memory", "ranks", "", "the address range of every DIMM rank (from SPD)", ranks},
+    {"memory", "layout", "", "write the rank layout around the PCI hole and show it", layout},
     {"memory", "read", "ADDRESS [8|16|32|64]", "read physical memory", readCmd},
     {"memory", "write", "ADDRESS VALUE [8|16|32|64]", "write physical memory", writeCmd},
     {"memory", "test", "KIND START END|testable [ARGS]", "pattern, dataline, addressline, marchc, checksum, random, ecc-detect, fill", test},

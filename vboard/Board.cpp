@@ -28,6 +28,7 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     memory = std::make_unique<MemoryController>(32ULL << 30);
     memory->install(*this, "8G");
     writeMeminfo(*this, 8u << 20, 6u << 20);
+    smbios = installBoardFirmware(*this, *i2c);  // DIMMs as the firmware reports them
 
     // The PLX switch's register windows, with register semantics through /dev/mem.
     for (const PciBoard::Window& w : pci->windows) {

@@ -15,6 +15,7 @@
 #include "vboard/models/ScsiDiskModel.h"
 #include "vboard/models/AhciControllerModel.h"
 #include "vboard/models/SataDiskModel.h"
+#include "vboard/models/SmbiosModel.h"
 
 namespace quarn::vboard {
 
@@ -34,6 +35,7 @@ public:
     std::shared_ptr<AhciControllerModel> ahci;  // 00:1f.2 ABAR registers (6 ports)
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
+    std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
 };
 
 }  // namespace quarn::vboard

@@ -13,6 +13,7 @@
 #include "api/StringUtil.h"
 #include "api/platform/Files.h"
 #include "api/platform/Platform.h"
+#include "ddapi/memory/SPDDDAPI.h"
 
 namespace {
 constexpr ERRORCODE kReadMemory = 0xC2040C00;
@@ -654,8 +655,9 @@ ErrorMsg* MemoryDAPI::getECCReport(std::list<ECCInformation>* report) {
     ErrorMsg* chain = m_device->getControllerChannelCount(&channels);
     if (!chain) chain = m_device->getControllerSlotCount(&slots);
     if (chain) return returnErrorMsg(kGetECCReport, nullptr, chain);
-    // DIMM names come from the inventory; until it lists DIMMs the records stay unnamed.
-    std::vector<std::string> names = m_dimmNames;
+    std::list<std::string> nameList;
+    if (ErrorMsg* e = getDeviceList(&nameList, false)) return returnErrorMsg(kGetECCReport, nullptr, e);
+    const std::vector<std::string> names(nameList.begin(), nameList.end());
     for (ECCInformation& info : *report) {
         const size_t index = static_cast<size_t>((info.controller * channels + info.channel) * slots + info.slot);
         if (index < names.size()) info.name = names[index];
@@ -971,4 +973,58 @@ std::list<MemoryRange> MemoryDAPI::placeRanks(std::list<MemoryRange> ranks,
         }
     }
     return ranks;
+}
+
+namespace {
+constexpr ERRORCODE kGetRankRange = 0xC2045800;
+constexpr ERRORCODE kInitLayoutFile = 0xC2045C00;
+constexpr ERRORCODE kNoDimmInformation = 0x02;
+constexpr ERRORCODE kUnknownArch = 0x239;
+}  // namespace
+
+ErrorMsg* MemoryDAPI::getRankRange(std::list<MemoryRange>* ranges) {
+    if (!ranges) return returnErrorMsg(kGetRankRange | kBadParameter, "NULL pointer", nullptr);
+    ranges->clear();
+    SPDDDAPI spd;
+    if (ErrorMsg* e = spd.getErrorMsg()) return returnErrorMsg(kGetRankRange, nullptr, e);
+    std::list<std::string> names;
+    if (ErrorMsg* e = spd.getDeviceList(&names, true)) return returnErrorMsg(kGetRankRange, nullptr, e);
+    unsigned long long next = 0;
+    for (const std::string& name : names) {
+        unsigned long long size = 0;
+        unsigned int ranks = 0;
+        if (ErrorMsg* e = spd.getSize(name, &size)) return returnErrorMsg(kGetRankRange, nullptr, e);
+        if (ErrorMsg* e = spd.getRankCount(name, &ranks)) return returnErrorMsg(kGetRankRange, nullptr, e);
+        if (ranks == 0) continue;  // the SPD reader refuses such a DIMM; never divide by it
+        const unsigned long long rankSize = size / ranks;
+        for (unsigned int r = 0; r < ranks; ++r) {
+            MemoryRange m;
+            m.name = name;
+            m.start = next + r * rankSize;
+            m.end = m.start + rankSize - 1;
+            ranges->push_back(m);
+        }
+        next += size;
+    }
+    return nullptr;
+}
+
+// The layout written here names ranges "DIMM:start,end"; the testable-file builder reads
+// the controller's own format instead, so the two are kept apart on purpose: this file
+// is for people and tools that want to know where each rank sits.
+ErrorMsg* MemoryDAPI::initializeMemoryLayoutFile() {
+    std::list<MemoryRange> ranks;
+    if (ErrorMsg* e = getRankRange(&ranks)) return returnErrorMsg(kInitLayoutFile, nullptr, e);
+    if (getArch() != 0) return returnErrorMsg(kInitLayoutFile | kUnknownArch, nullptr, nullptr);
+    MemoryRange high;
+    if (ErrorMsg* e = m_device->getX86HighRamRange(&high)) return returnErrorMsg(kInitLayoutFile, nullptr, e);
+    if (ranks.empty()) return returnErrorMsg(kInitLayoutFile | kNoDimmInformation, nullptr, nullptr);
+    const std::list<MemoryRange> placed = placeRanks(ranks, 0x100000000ULL, high.end);
+    std::string text;
+    for (const MemoryRange& r : placed)
+        text += r.name + ":" + UINT64ToHexStr(r.start) + "," + UINT64ToHexStr(r.end) + "\n";
+    if (quarn::makeDirectories(kMemDir) != 0 || quarn::writeScratchFile(kLayoutPath, text) != 0)
+        return returnErrorMsg(kInitLayoutFile | kOpenFileFail,
+                              (std::string("can not open ") + kLayoutPath).c_str(), nullptr);
+    return nullptr;
 }

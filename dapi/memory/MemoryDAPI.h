@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "api/BaseClass.h"
+#include "ddapi/memory/DIMMInformation.h"
 #include "ddapi/memory/MemoryDDAPI.h"
 
 // Checksum kinds; 0, the 8-bit two's-complement sum, is the one implemented.
@@ -64,6 +65,10 @@ public:
     ErrorMsg* initializeTestableMemoryFile();
     // Places a rank map (ranks back to back from 0, in DIMM order) onto the physical
     // address space around the hole below highStart; highEnd is the last byte of RAM.
+    // Every DIMM rank's range, ranks back to back from 0 in DIMM order (from SPD).
+    ErrorMsg* getRankRange(std::list<MemoryRange>* ranges);
+    // Writes /tmp/veltrax/ktd/mem/layout from the rank map placed around the PCI hole.
+    ErrorMsg* initializeMemoryLayoutFile();
     static std::list<MemoryRange> placeRanks(std::list<MemoryRange> ranks,
                                              unsigned long long highStart,
                                              unsigned long long highEnd);
@@ -71,6 +76,12 @@ public:
     unsigned long long alignMemoryAddress(unsigned long long address, int width);
     unsigned long long getTestBlockSize();
     MemoryRange getOverlapMemoryRange(MemoryRange a, MemoryRange b);
+
+    // DIMM inventory (MemoryDAPIInventory.cpp). name is a DIMM name such as dimm1.
+    ErrorMsg* getInformation(std::string name, DIMMInformation* info);
+    ErrorMsg* getInformation(std::list<DIMMInformation>* list);
+    ErrorMsg* getDeviceList(std::list<std::string>* names, bool checkBIOS);
+    ErrorMsg* checkDeviceBySMBIOS(std::list<std::string>* names);
 
 private:
     template <typename T>
@@ -84,5 +95,6 @@ private:
     MemoryDDAPI* m_device;
     int m_socketCount;
     std::list<MemoryRange> m_ranges;
-    std::vector<std::string> m_dimmNames;  // DIMM names in inventory order
+    // DIMM inventory (MemoryDAPIInventory.cpp): computed once, then served from here.
+    std::list<DIMMInformation> m_dimms;
 };

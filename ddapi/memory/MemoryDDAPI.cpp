@@ -17,6 +17,7 @@
 #include "api/StringUtil.h"
 #include "api/platform/Files.h"
 #include "api/platform/Platform.h"
+#include "dapi/i2c/I2CDAPI.h"
 
 namespace {
 const char kDevMem[] = "/dev/mem";
@@ -123,6 +124,7 @@ MemoryDDAPI::~MemoryDDAPI() {
     quarn::Platform& p = quarn::platform();
     if (m_memFd >= 0) p.close(m_memFd);
     if (m_controllerFd >= 0) p.close(m_controllerFd);
+    delete m_spdBus;
 }
 
 void MemoryDDAPI::unmap() {

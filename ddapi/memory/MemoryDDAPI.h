@@ -8,6 +8,9 @@
 
 #include "api/BaseClass.h"
 
+class DIMMInformation;
+class I2CDAPI;
+
 // A physical range [start, end] (end inclusive); the lists are the memory tests' own.
 class QUARN_EXPORT MemoryRange {
 public:
@@ -66,6 +69,10 @@ public:
     ErrorMsg* getControllerSlotCount(int* slots);
     bool openMemoryControllerDriver();
 
+    // DIMM inventory: SPD decoded by decode-dimms, placement from SMBIOS (dmidecode).
+    ErrorMsg* getDIMMInformationBySPD(std::string name, DIMMInformation* info);
+    ErrorMsg* getDIMMInformationBySMBIOS(DIMMInformation* info);
+
 private:
     template <typename T>
     T readWidth(unsigned long long address);
@@ -82,4 +89,5 @@ private:
     unsigned long long m_mapLength;
     unsigned char* m_mapPointer;
     int m_controllerFd;
+    I2CDAPI* m_spdBus = nullptr;  // SPD bus object, created on the first SPD request
 };

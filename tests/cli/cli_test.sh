@@ -39,6 +39,10 @@ contains memory-clip 0 '"clipped_to_bytes":268435456' "$q" --board virtual -o js
 check memory-value-too-wide 2 'quarn: memory write: value does not fit the width' "$q" --board virtual memory write 0x300000000 0x100 8
 check cpu-mce 0 'No MCE error message.' "$q" --board virtual cpu mce
 check stability 0 'PASSED' "$q" --board virtual stability --power 16 --instances 2 --quiet
+contains memory-dimms 0 'dimm2    0  1 0-1    32768 MB   2400 MT/s   DDR4 SDRAM  RDIMM   Samsung   M393A2K40BB2-CTD      3A1B0002' \
+  "$q" --board virtual memory dimms
+contains memory-ranks 0 'spd-dimm3: 0x0000001c00000000-0x0000001fffffffff' "$q" --board virtual memory ranks
+contains memory-layout 0 'spd-dimm0:0x0000002000000000,0x000000207fffffff' "$q" --board virtual memory layout
 contains sata-ports 0 '3   SATA0-Port2   linked   6 Gb/s' "$q" --board virtual sata ports
 contains sata-smart 0 'reallocated-sector-count' "$q" --board virtual sata smart 1
 contains sata-read-json 0 '"status":"pass"' "$q" --board virtual -o json sata read-test 1
