@@ -143,6 +143,18 @@ PCIDDAPI::~PCIDDAPI() {
     m_memoryDriver = nullptr;
 }
 
+_PCIInformantion PCIDDAPI::scannedInfo(const device& d) {
+    _PCIInformantion info;
+    initialPciInfoStructure(&info);
+    info.domain = d.dev->domain;
+    info.bus = d.dev->bus;
+    info.device = d.dev->device;
+    info.function = d.dev->function;
+    info.vendorID = d.dev->vendorID;
+    info.deviceID = d.dev->deviceID;
+    return info;
+}
+
 void PCIDDAPI::initialPciInfoStructure(_PCIInformantion* info) {
     info->name.clear();
     info->domain = 0xFFFF;
@@ -210,14 +222,7 @@ ErrorMsg* PCIDDAPI::getDeviceList(std::vector<_PCIInformantion>* list, bool sort
     scanDevices(sort);
     releaseTable();
     for (device* d = m_devices; d; d = d->next) {
-        _PCIInformantion info;
-        initialPciInfoStructure(&info);
-        info.domain = d->dev->domain;
-        info.bus = d->dev->bus;
-        info.device = d->dev->device;
-        info.function = d->dev->function;
-        info.vendorID = d->dev->vendorID;
-        info.deviceID = d->dev->deviceID;
+        _PCIInformantion info = scannedInfo(*d);
         PCIDevice* dev = new (std::nothrow) PCIDevice(info);
         if (!dev) break;
         info.classCode = dev->GetClassCode() >> 8;
@@ -508,14 +513,7 @@ void PCIDDAPI::readSwitchBar() {
     releaseTable();
     m_plxBar = 0;
     for (device* d = m_devices; d; d = d->next) {
-        _PCIInformantion info;
-        initialPciInfoStructure(&info);
-        info.domain = d->dev->domain;
-        info.bus = d->dev->bus;
-        info.device = d->dev->device;
-        info.function = d->dev->function;
-        info.vendorID = d->dev->vendorID;
-        info.deviceID = d->dev->deviceID;
+        _PCIInformantion info = scannedInfo(*d);
         PCIDevice dev(info);
         if (dev.getPortTypeRawData() != 5) continue;
         const uint32_t low = dev.ConfigReadDword(16);

@@ -29,6 +29,8 @@ public:
     ErrorMsg* getPciInfoByClass(PCIClassCode code, std::vector<_PCIInformantion>* out);
     void CreatePCIInfoList();
     static void initialPciInfoStructure(_PCIInformantion* info);
+    // A fresh record holding the address and IDs of a scanned function.
+    static _PCIInformantion scannedInfo(const device& d);
 
     // Names and classes.
     ERRORCODE getPciDeviceNameMappingTable();

@@ -200,14 +200,7 @@ ErrorMsg* PCIDDAPI::scanSlot(std::vector<_SLOT_INFO>* slots) {
     grow_tree();
     releaseTable();
     for (device* d = m_devices; d && m_deviceCount < kMaxDevices; d = d->next) {
-        _PCIInformantion info;
-        initialPciInfoStructure(&info);
-        info.domain = d->dev->domain;
-        info.bus = d->dev->bus;
-        info.device = d->dev->device;
-        info.function = d->dev->function;
-        info.vendorID = d->dev->vendorID;
-        info.deviceID = d->dev->deviceID;
+        _PCIInformantion info = scannedInfo(*d);
         PCIDevice* dev = new (std::nothrow) PCIDevice(info);
         if (!dev) break;
         m_table[m_deviceCount++] = dev;
