@@ -221,3 +221,42 @@ TEST(VirtualBoard, MappingsOutliveTheirDescriptorAndUnmapThroughTheirOwner) {
 }
 
 }  // namespace
+
+namespace {
+
+// Board tools on the board's private PATH run for real, by argument vector.
+TEST(VirtualBoard, ExecutablesOnThePrivatePathRunForReal) {
+    quarn::vboard::VirtualBoard board;
+    board.writeFile("/usr/sbin/board-tool", "#!/bin/sh\nprintf '%s|' \"$@\"\nexit 4\n");
+    ASSERT_EQ(chmod(board.hostPath("/usr/sbin/board-tool").c_str(), 0755), 0);
+    std::string out;
+    int status = 0;
+    ASSERT_EQ(board.runProgram({"board-tool", "a b", "$(touch /tmp/x)", ";"}, &out, &status), 0);
+    EXPECT_EQ(out, "a b|$(touch /tmp/x)|;|");
+    EXPECT_EQ(WEXITSTATUS(status), 4);
+    // Not on the board's PATH: the host's tools are not reachable from the board.
+    EXPECT_EQ(board.runProgram({"ls", "/"}, &out, &status), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(VirtualBoard, FaultsApplyPerDeviceAndPerRequest) {
+    quarn::vboard::Board board;
+    auto rtc = board.device("/dev/rtc0");
+    rtc->faults().readErrno = EINTR;
+    int fd = board.open("/dev/rtc0", O_RDONLY);
+    ASSERT_GE(fd, 0);
+    unsigned int data;
+    EXPECT_EQ(board.read(fd, &data, sizeof(data)), -1);
+    EXPECT_EQ(errno, EINTR);
+    struct rtc_time tm {};
+    EXPECT_EQ(board.ioctl(fd, RTC_RD_TIME, &tm), 0);  // other requests are untouched
+    rtc->faults().ioctlErrno[RTC_RD_TIME] = EPROTO;
+    EXPECT_EQ(board.ioctl(fd, RTC_RD_TIME, &tm), -1);
+    EXPECT_EQ(errno, EPROTO);
+    board.close(fd);
+    rtc->faults().openErrno = EACCES;
+    EXPECT_EQ(board.open("/dev/rtc0", O_RDONLY), -1);
+    EXPECT_EQ(errno, EACCES);
+}
+
+}  // namespace
