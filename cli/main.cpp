@@ -122,6 +122,11 @@ int main(int argc, char** argv) {
             args.push_back(a);
         }
     }
+    if (!args.empty() && args[0] == "--list-commands") {
+        // One "KIND COMMAND" line each, for shell completion.
+        for (const Command& c : commands()) printf("%s %s\n", c.kind.c_str(), c.name.c_str());
+        return 0;
+    }
     if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
         printHelp("");
         return args.empty() ? 2 : 0;

@@ -70,8 +70,11 @@ done < <(LD_LIBRARY_PATH="$(dirname "$lib")" ldd "$guest" | awk '$2=="=>" && $3 
 if [ -f /usr/share/misc/pci.ids ]; then mkdir -p "$ird/usr/share" && cp /usr/share/misc/pci.ids "$ird/usr/share/pci.ids"; fi
 cp itest/I2C_profile.ini "$ird/etc/quarn/I2C_profile.ini"
 # Modules in dependency order, each once ("insmod" lines of modprobe --show-depends).
-mods=(msr i2c-dev i2c-i801 i2c-stub scsi_mod sd_mod sg scsi_debug virtio_pci virtio_scsi sym53c8xx
-      libahci ahci nvme e1000e xhci-pci usb-storage usbhid hid-generic)
+# ahci comes before every other SCSI host driver, as on the board: the SATA layer takes the
+# SCSI host number of a drive for its port number, which holds only when the AHCI ports
+# are the first hosts.
+mods=(msr i2c-dev i2c-i801 i2c-stub scsi_mod libahci ahci sd_mod sg scsi_debug virtio_pci virtio_scsi
+      sym53c8xx nvme e1000e xhci-pci usb-storage usbhid hid-generic)
 : >"$ird/etc/modules.list"
 for m in "${mods[@]}"; do
   modprobe -d "$kroot/x" -S "$kver" --show-depends "$m" 2>/dev/null | awk '$1=="insmod"{print $2}' |

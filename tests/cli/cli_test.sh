@@ -46,6 +46,10 @@ contains memory-layout 0 'spd-dimm0:0x0000002000000000,0x000000207fffffff' "$q" 
 contains sata-ports 0 '3   SATA0-Port2   linked   6 Gb/s' "$q" --board virtual sata ports
 contains sata-smart 0 'reallocated-sector-count' "$q" --board virtual sata smart 1
 contains sata-read-json 0 '"status":"pass"' "$q" --board virtual -o json sata read-test 1
+contains list-commands 0 'memory test' "$q" --list-commands
+# Completion offers the commands of a kind, taken from the tool itself.
+out=$(bash -c ". '$(dirname "$0")/../../contrib/quarn.bash-completion'; COMP_WORDS=('$q' --board virtual rtc s); COMP_CWORD=4; _quarn; echo \"\${COMPREPLY[*]}\"")
+if [ "$out" = "show set-date set-time set" ]; then pass=$((pass + 1)); else fail=$((fail + 1)); echo "FAIL completion: $out"; fi
 # On this machine: a documented chain or a date, never a crash.
 out=$("$q" --board host rtc show 2>&1); rc=$?
 if [ $rc -le 1 ] && [[ $rc == 0 || "$out" == RTCDAPI::showDateTime* ]]; then pass=$((pass + 1)); else
