@@ -283,7 +283,8 @@ void* PhysicalMemory::map(uint64_t offset, uint64_t length, int prot) {
             return view(offset);
         }
     }
-    void* area = ::mmap(nullptr, pages * kPage, prot, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    // Writable while the undecoded pages are filled; each page gets the caller's protection below.
+    void* area = ::mmap(nullptr, pages * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (area == MAP_FAILED) return MAP_FAILED;
     auto* base = static_cast<uint8_t*>(area);
     for (uint64_t p = 0; p < pages; ++p) {
@@ -297,7 +298,10 @@ void* PhysicalMemory::map(uint64_t offset, uint64_t length, int prot) {
             break;
         }
         // Nothing decodes the address: reads float high, writes go nowhere.
-        if (!mapped) memset(base + p * kPage, 0xFF, kPage);
+        if (!mapped) {
+            memset(base + p * kPage, 0xFF, kPage);
+            ::mprotect(base + p * kPage, kPage, prot);
+        }
         if (mapped && trapped(phys & ~(kPage - 1))) {
             registerTrap(reinterpret_cast<uintptr_t>(base + p * kPage), this, phys);
             ::mprotect(base + p * kPage, kPage, PROT_NONE);

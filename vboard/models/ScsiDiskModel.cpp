@@ -416,7 +416,10 @@ void ScsiDiskModel::readWrite(Command& c, bool write, uint64_t lba, uint32_t blo
         const bool inBuffer = dataOk && offset + bs <= c.dataLength;
         if (write) {
             std::vector<uint8_t> content(bs, 0);
-            if (inBuffer) memcpy(content.data(), c.data + offset, bs);
+            if (inBuffer) {
+                memcpy(content.data(), c.data + offset, bs);
+                c.transferred = static_cast<uint32_t>(offset + bs);  // data-out counts for resid too
+            }
             if (m_unreadable.erase(block)) m_grownDefects.insert(block);  // reallocated on write
             if (std::all_of(content.begin(), content.end(), [](uint8_t b) { return b == 0; }))
                 m_medium.erase(block);
@@ -467,6 +470,7 @@ void ScsiDiskModel::verify(Command& c) {
                 if (have != c.data[offset + b])
                     return checkCondition(c, kMiscompare, 0x1D, 0x00, static_cast<int64_t>(offset + b));
             }
+            c.transferred = static_cast<uint32_t>(offset + bs);
         }
         m_counters[kVerifyPage][5] += bs;
     }
@@ -668,6 +672,7 @@ void ScsiDiskModel::modeSelect(Command& c, bool ten) {
         changes.emplace_back(page, std::move(next));
         at += size;
     }
+    c.transferred = length;
     for (auto& change : changes) {
         m_modeCurrent[change.first] = change.second;
         if (sp) m_modeSaved[change.first] = change.second;
