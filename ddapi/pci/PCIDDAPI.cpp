@@ -525,8 +525,12 @@ void PCIDDAPI::readSwitchBar() {
     releaseScan();
 }
 
+// Ranges stay inside the 4 KB configuration space: beyond it the loop would wrap, or
+// the switch route would reach the next port's registers.
+constexpr uint32_t kConfigSpaceSize = 4096;
+
 void PCIDDAPI::ConfigReadByte(_PFA pfa, uint32_t first, uint32_t last, uint8_t* buffer) {
-    if (!buffer || last < first) return;
+    if (!buffer || last < first || last >= kConfigSpaceSize) return;
     createPciObject(pfa);
     const bool plx = m_currentInfo.vendorID == 0x10B5;
     const uint32_t port = (plx && m_current) ? m_current->getPortNumber() : 0;
@@ -543,7 +547,7 @@ void PCIDDAPI::ConfigReadByte(_PFA pfa, uint32_t first, uint32_t last, uint8_t* 
 }
 
 void PCIDDAPI::ConfigWriteByte(_PFA pfa, uint32_t offset, uint8_t* data, uint32_t length) {
-    if (!data) return;
+    if (!data || offset >= kConfigSpaceSize || length > kConfigSpaceSize - offset) return;
     createPciObject(pfa);
     const bool plx = m_currentInfo.vendorID == 0x10B5;
     const uint32_t port = (plx && m_current) ? m_current->getPortNumber() : 0;
