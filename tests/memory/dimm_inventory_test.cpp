@@ -18,14 +18,10 @@
 #include "ddapi/memory/SPDDDAPI.h"
 #include "vboard/Board.h"
 
+#include "tests/lib/Render.h"
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 bool hostToolsPresent() {
     return ::access("/usr/bin/decode-dimms", X_OK) == 0 && ::access("/usr/sbin/dmidecode", X_OK) == 0;
 }

@@ -12,17 +12,13 @@
 #include "ddapi/memory/MemoryDDAPI.h"
 #include "vboard/Board.h"
 #include "vboard/models/MemoryController.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
 using quarn::vboard::MemoryController;
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 constexpr unsigned long long kBase = 0x200000000ULL;  // above the board's mem=8G
 
 class MemoryTest : public ::testing::Test {

@@ -9,15 +9,11 @@
 #include "api/platform/Platform.h"
 #include "dapi/memory/MemoryDAPI.h"
 #include "vboard/VirtualBoard.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 class TestableMemory : public ::testing::Test {
 protected:
     void SetUp() override {

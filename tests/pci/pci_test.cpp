@@ -12,15 +12,11 @@
 #include "dapi/pci/PCIDAPI.h"
 #include "ddapi/pci/PCIDDAPI.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 _PFA pfa(uint16_t d, uint16_t b, uint16_t dev, uint8_t f) { return _PFA{d, b, dev, f, 0}; }
 
 class PciTest : public ::testing::Test {

@@ -13,17 +13,13 @@
 #include "dapi/processor/GetMCEDAPI.h"
 #include "dapi/processor/ProcessorDAPI.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
 using quarn::vboard::Board;
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 std::string ctimeOf(uint64_t seconds) {
     time_t t = static_cast<time_t>(seconds);
     char buf[64];

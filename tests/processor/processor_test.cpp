@@ -14,6 +14,7 @@
 #include "dapi/processor/ProcessorDAPI.h"
 #include "ddapi/processor/ProcessorDDAPI.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
@@ -21,12 +22,7 @@ using quarn::vboard::Board;
 using quarn::vboard::ProcessorComplex;
 namespace msr = quarn::vboard::msr;
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 class ProcessorTest : public ::testing::Test {
 protected:
     void SetUp() override { quarn::installPlatform(&board); }

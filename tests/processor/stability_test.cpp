@@ -9,6 +9,7 @@
 #include "dapi/processor/PiSlots.h"
 #include "dapi/processor/StabilityTestObject.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
@@ -16,12 +17,7 @@ using quarn::vboard::Board;
 
 const char kNotEnough[] = "ProcessorDAPI::StabilityTest: \"System free memory isn't enough\"";
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 class StabilityTest : public ::testing::Test {
 protected:
     void SetUp() override {

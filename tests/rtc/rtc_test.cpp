@@ -11,15 +11,11 @@
 #include "dapi/rtc/RTCDAPI.h"
 #include "ddapi/rtc/RTCDDAPI.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 class RtcTest : public ::testing::Test {
 protected:
     void SetUp() override { quarn::installPlatform(&board); }

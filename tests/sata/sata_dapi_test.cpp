@@ -12,15 +12,11 @@
 #include "dapi/sata/SATADAPI.h"
 #include "ddapi/scsi/SCSISenseAnalyzer.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);  // frees the chain
-    return text;
-}
-
+using quarn::test::render;
 class SataDapiTest : public ::testing::Test {
 protected:
     void SetUp() override { quarn::installPlatform(&board); }

@@ -9,22 +9,12 @@
 #include "api/platform/Platform.h"
 #include "ddapi/sata/SATADDAPI.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);  // frees the chain
-    return text;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
+using quarn::test::render;
+using quarn::test::lines;
 class SataSmartTest : public ::testing::Test {
 protected:
     void SetUp() override {

@@ -13,15 +13,11 @@
 #include "api/platform/Platform.h"
 #include "ddapi/scsi/SCSIFactory.h"
 #include "vboard/Board.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 class ScsiFactoryTest : public ::testing::Test {
 protected:
     void SetUp() override {

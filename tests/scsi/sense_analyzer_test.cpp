@@ -8,15 +8,11 @@
 #include "api/ErrorText.h"
 #include "ddapi/scsi/SCSIFactory.h"
 #include "ddapi/scsi/SCSISenseAnalyzer.h"
+#include "tests/lib/Render.h"
 
 namespace {
 
-std::string render(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    return text;
-}
-
+using quarn::test::render;
 // A 96-byte buffer as the command layer keeps it.
 struct Sense {
     unsigned char b[SCSISenseAnalyzer::kSenseBufferLength] = {0};

@@ -1,6 +1,7 @@
 // A SATA disk behind libata's SCSI translation (SAT-3): ATA PASS-THROUGH(16) with the
 // ATA8-ACS IDENTIFY DEVICE and SMART layouts, the rest served by the SCSI disk model.
 #include "vboard/models/SataDiskModel.h"
+#include "vboard/models/SgHandle.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -53,25 +54,6 @@ void checksum(std::vector<uint8_t>& d) {
     d[511] = static_cast<uint8_t>(-sum);
 }
 
-class SataSgHandle : public FileHandle {
-public:
-    SataSgHandle(SataDiskModel& model, bool writable) : m_model(model), m_writable(writable) {}
-    int ioctl(unsigned long request, void* arg) override {
-        if (request == SG_IO) {
-            std::lock_guard<std::mutex> lock(m_model.mutex());
-            return m_model.executeSg(static_cast<sg_io_hdr*>(arg), m_writable);
-        }
-        if (request == SG_GET_VERSION_NUM) {
-            *static_cast<int*>(arg) = 30536;
-            return 0;
-        }
-        return static_cast<int>(fail(ENOTTY));
-    }
-
-private:
-    SataDiskModel& m_model;
-    bool m_writable;
-};
 
 // The sd block node: the buffer flush and size requests the diagnostics use.
 class SataBlockDevice : public DeviceModel {
@@ -119,7 +101,8 @@ SataDiskModel::SataDiskModel(SataDiskConfig config, VirtualClock* clock)
 }
 
 std::unique_ptr<FileHandle> SataDiskModel::open(int flags) {
-    return std::make_unique<SataSgHandle>(*this, (flags & O_ACCMODE) != O_RDONLY);
+    return std::make_unique<SgHandle<SataDiskModel, &SataDiskModel::executeSg>>(
+        *this, (flags & O_ACCMODE) != O_RDONLY);
 }
 
 void SataDiskModel::setAttribute(uint8_t id, uint8_t current, uint8_t worst, uint64_t raw) {

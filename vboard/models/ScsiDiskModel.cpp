@@ -1,6 +1,7 @@
 // A SAS disk behind a SCSI generic node (/dev/sgN): SG_IO with the SPC-4/SBC-3 commands
 // a disk answers, a sparse medium, log and mode pages, defect lists and injectable faults.
 #include "vboard/models/ScsiDiskModel.h"
+#include "vboard/models/SgHandle.h"
 
 #include <fcntl.h>
 #include <scsi/sg.h>
@@ -83,25 +84,6 @@ bool safeForReadOnly(uint8_t opcode) {
     }
 }
 
-class SgHandle : public FileHandle {
-public:
-    SgHandle(ScsiDiskModel& model, bool writable) : m_model(model), m_writable(writable) {}
-    int ioctl(unsigned long request, void* arg) override {
-        if (request == SG_IO) {
-            std::lock_guard<std::mutex> lock(m_model.mutex());
-            return m_model.execute(static_cast<sg_io_hdr*>(arg), m_writable);
-        }
-        if (request == SG_GET_VERSION_NUM) {
-            *static_cast<int*>(arg) = 30536;
-            return 0;
-        }
-        return static_cast<int>(fail(ENOTTY));
-    }
-
-private:
-    ScsiDiskModel& m_model;
-    bool m_writable;
-};
 
 }  // namespace
 
@@ -119,7 +101,8 @@ struct ScsiDiskModel::Command {
 ScsiDiskModel::ScsiDiskModel(ScsiDiskConfig config) : m_config(std::move(config)) { buildModePages(); }
 
 std::unique_ptr<FileHandle> ScsiDiskModel::open(int flags) {
-    return std::make_unique<SgHandle>(*this, (flags & O_ACCMODE) != O_RDONLY);
+    return std::make_unique<SgHandle<ScsiDiskModel, &ScsiDiskModel::execute>>(
+        *this, (flags & O_ACCMODE) != O_RDONLY);
 }
 
 void ScsiDiskModel::injectSense(uint8_t opcode, uint8_t key, uint8_t asc, uint8_t ascq, unsigned times) {
