@@ -353,19 +353,26 @@ ErrorMsg* ProcessorDDAPI::bindToRegisterCpu(ERRORCODE code, const std::string& n
     return nullptr;
 }
 
+// Binds the thread to the register CPU of name and opens its MSR node.
+ErrorMsg* ProcessorDDAPI::openMsrNode(ERRORCODE code, const std::string& name, int flags, int* fd) {
+    int cpu = 0;
+    if (ErrorMsg* e = bindToRegisterCpu(code, name, &cpu)) return e;
+    char node[48];
+    snprintf(node, sizeof(node), "/dev/cpu/%d/msr", cpu);
+    *fd = quarn::platform().open(node, flags);
+    if (*fd < 0) {
+        formatMessage("Open /dev/cpu/%d/msr CPU MSR node fail", cpu);
+        return returnErrorMsg(code, m_message, nullptr);
+    }
+    return nullptr;
+}
+
 // MSR indices are taken as unsigned 32-bit, so the 0xC000xxxx range stays reachable.
 ErrorMsg* ProcessorDDAPI::ReadCPURegister(std::string name, int msr, int count,
                                           std::list<uint64_t>* values) {
-    int cpu = 0;
-    if (ErrorMsg* e = bindToRegisterCpu(kReadRegister, name, &cpu)) return e;
+    int fd = -1;
+    if (ErrorMsg* e = openMsrNode(kReadRegister, name, O_RDONLY, &fd)) return e;
     quarn::Platform& p = quarn::platform();
-    char node[48];
-    snprintf(node, sizeof(node), "/dev/cpu/%d/msr", cpu);
-    int fd = p.open(node, O_RDONLY);
-    if (fd < 0) {
-        formatMessage("Open /dev/cpu/%d/msr CPU MSR node fail", cpu);
-        return returnErrorMsg(kReadRegister, m_message, nullptr);
-    }
     for (int i = 0; i < count; ++i) {
         const uint32_t reg = static_cast<uint32_t>(msr) + static_cast<uint32_t>(i);
         if (p.lseek(fd, static_cast<off_t>(reg), SEEK_SET) == static_cast<off_t>(-1)) {
@@ -385,16 +392,9 @@ ErrorMsg* ProcessorDDAPI::ReadCPURegister(std::string name, int msr, int count,
 }
 
 ErrorMsg* ProcessorDDAPI::WriteCPURegister(std::string name, int msr, uint64_t value) {
-    int cpu = 0;
-    if (ErrorMsg* e = bindToRegisterCpu(kWriteRegister, name, &cpu)) return e;
+    int fd = -1;
+    if (ErrorMsg* e = openMsrNode(kWriteRegister, name, O_WRONLY, &fd)) return e;
     quarn::Platform& p = quarn::platform();
-    char node[48];
-    snprintf(node, sizeof(node), "/dev/cpu/%d/msr", cpu);
-    int fd = p.open(node, O_WRONLY);
-    if (fd < 0) {
-        formatMessage("Open /dev/cpu/%d/msr CPU MSR node fail", cpu);
-        return returnErrorMsg(kWriteRegister, m_message, nullptr);
-    }
     const uint32_t reg = static_cast<uint32_t>(msr);
     if (p.lseek(fd, static_cast<off_t>(reg), SEEK_SET) == static_cast<off_t>(-1)) {
         p.close(fd);

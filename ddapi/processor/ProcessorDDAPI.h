@@ -88,6 +88,7 @@ public:
 private:
     // Name to CPU number to logical CPU, then binds the thread to it.
     ErrorMsg* bindToRegisterCpu(ERRORCODE code, const std::string& name, int* cpu);
+    ErrorMsg* openMsrNode(ERRORCODE code, const std::string& name, int flags, int* fd);
 };
 
 namespace quarn {
