@@ -589,8 +589,18 @@ void VirtualBoard::sleepMicroseconds(uint64_t microseconds) {
     m_clock.advanceNs(microseconds * 1000ULL);
 }
 
+// Virtual time moves when something waits or touches a device, but plain CPU work
+// (computing, loops over mapped memory) is invisible to the board. So every reading of
+// the clock moves it by a microsecond: a loop that does such work until a deadline
+// still reaches it, as it would on the real board, instead of spinning for ever.
+uint64_t VirtualBoard::monotonicNanoseconds() {
+    m_clock.advanceNs(kClockReadNs);
+    return m_clock.nowNs();
+}
+
 int VirtualBoard::wallClock(struct timespec* now) {
-    uint64_t ns = m_clock.nowNs();
+    m_clock.advanceNs(kClockReadNs);
+    const uint64_t ns = m_clock.nowNs();
     now->tv_sec = static_cast<time_t>(m_epochSeconds + static_cast<int64_t>(ns / 1000000000ULL));
     now->tv_nsec = static_cast<long>(ns % 1000000000ULL);
     return 0;

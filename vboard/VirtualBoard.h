@@ -93,7 +93,7 @@ public:
     int getAffinity(cpu_set_t* cpus) override;
     int onlineCpuCount() override { return m_cpuCount; }
     void sleepMicroseconds(uint64_t microseconds) override;
-    uint64_t monotonicNanoseconds() override { return m_clock.nowNs(); }
+    uint64_t monotonicNanoseconds() override;
     int wallClock(struct timespec* now) override;
     int kernelRelease(std::string* release) override;
     long pageSize() override { return 4096; }
@@ -113,6 +113,8 @@ private:
     std::string m_root;
     bool m_ownsRoot = false;
     VirtualClock m_clock;
+    // What one reading of the clock costs in virtual time (see monotonicNanoseconds).
+    static constexpr uint64_t kClockReadNs = 1000;
 
     mutable std::mutex m_mutex;  // guards the tables below
     std::map<std::string, std::shared_ptr<DeviceModel>> m_devices;

@@ -37,6 +37,8 @@ public:
 
     // Faults. Bit faults are applied on every access of the CPU to the page holding
     // them (the page is trapped), so a test sees them exactly as on faulty hardware.
+    // They apply to mappings made after they are added: a window the program already
+    // holds on the page keeps seeing the plain memory.
     void addStuckBit(uint64_t address, int bit, int value);
     // A write to the 8-byte word holding aggressor forces bit victimBit of victim.
     void addCoupling(uint64_t aggressor, uint64_t victim, int victimBit, int value);
