@@ -8,6 +8,7 @@
 #include "api/ErrorText.h"
 #include "api/platform/Platform.h"
 #include "cli/Cli.h"
+#include "cli/ManPage.h"
 #include "vboard/Board.h"
 
 namespace quarn::cli {
@@ -125,6 +126,11 @@ int main(int argc, char** argv) {
     if (!args.empty() && args[0] == "--list-commands") {
         // One "KIND COMMAND" line each, for shell completion.
         for (const Command& c : commands()) printf("%s %s\n", c.kind.c_str(), c.name.c_str());
+        return 0;
+    }
+    if (!args.empty() && args[0] == "--man") {
+        // The manual page, in troff; the build installs it as quarn.1.
+        fputs(manPage(QUARN_VERSION).c_str(), stdout);
         return 0;
     }
     if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {

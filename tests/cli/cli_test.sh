@@ -50,6 +50,20 @@ contains list-commands 0 'memory test' "$q" --list-commands
 # Completion offers the commands of a kind, taken from the tool itself.
 out=$(bash -c ". '$(dirname "$0")/../../contrib/quarn.bash-completion'; COMP_WORDS=('$q' --board virtual rtc s); COMP_CWORD=4; _quarn; echo \"\${COMPREPLY[*]}\"")
 if [ "$out" = "show set-date set-time set" ]; then pass=$((pass + 1)); else fail=$((fail + 1)); echo "FAIL completion: $out"; fi
+# The manual page names every command, escapes what troff would take as markup, and
+# formats without a warning where groff is installed.
+page=$("$q" --man)
+missing=$("$q" --list-commands | while read -r kind name; do
+  entry="\\fBquarn ${kind//-/\\-}${name:+ ${name//-/\\-}}\\fR"
+  grep -qF -- "$entry" <<<"$page" || echo "$kind $name"
+done)
+unescaped=$(grep -v '^\.' <<<"$page" | grep -E '(^|[^\\])-')
+if [ -z "$missing$unescaped" ]; then pass=$((pass + 1)); else
+  fail=$((fail + 1)); echo "FAIL man-page: missing: $missing unescaped: $unescaped"; fi
+if command -v groff >/dev/null; then
+  warnings=$(groff -man -Tutf8 -ww -z <<<"$page" 2>&1)
+  if [ -z "$warnings" ]; then pass=$((pass + 1)); else fail=$((fail + 1)); echo "FAIL man-page-groff: $warnings"; fi
+fi
 # On this machine: a documented chain or a date, never a crash.
 out=$("$q" --board host rtc show 2>&1); rc=$?
 if [ $rc -le 1 ] && [[ $rc == 0 || "$out" == RTCDAPI::showDateTime* ]]; then pass=$((pass + 1)); else

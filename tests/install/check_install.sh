@@ -11,6 +11,9 @@ lib=$(find "$work/prefix" -name 'libquarn-2.0.so.0' | head -n1)
 [ -n "$lib" ] || { echo "installed library missing"; exit 1; }
 readelf -d "$lib" | grep -q 'SONAME.*\[libquarn-2.0.so.0\]' || { echo "wrong soname"; exit 1; }
 libdir=$(dirname "$lib")
+# The tool comes with its manual page and its shell completion.
+[ -s "$work/prefix/share/man/man1/quarn.1" ] || { echo "manual page missing"; exit 1; }
+[ -s "$work/prefix/share/bash-completion/completions/quarn" ] || { echo "completion missing"; exit 1; }
 
 cmake -S "$src/tests/install/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/consumer" >/dev/null
