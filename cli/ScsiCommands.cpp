@@ -115,7 +115,7 @@ int openDevice(Context& ctx, const std::vector<std::string>& args, const char* n
 }
 
 int inquiry(Context& ctx, const std::vector<std::string>& args) {
-    int fd;
+    int fd = -1;
     if (int rc = openDevice(ctx, args, "inquiry", &fd)) return rc;
     SCSIFactory f("SCSIFactory");
     unsigned char std[96];
@@ -150,7 +150,7 @@ int inquiry(Context& ctx, const std::vector<std::string>& args) {
 }
 
 int capacity(Context& ctx, const std::vector<std::string>& args) {
-    int fd;
+    int fd = -1;
     if (int rc = openDevice(ctx, args, "capacity", &fd)) return rc;
     SCSIFactory f("SCSIFactory");
     unsigned char cap[32];
@@ -171,7 +171,7 @@ int capacity(Context& ctx, const std::vector<std::string>& args) {
 }
 
 int logs(Context& ctx, const std::vector<std::string>& args) {
-    int fd;
+    int fd = -1;
     if (int rc = openDevice(ctx, args, "logs", &fd)) return rc;
     SCSIFactory f("SCSIFactory");
     unsigned char current = 0, reference = 0;

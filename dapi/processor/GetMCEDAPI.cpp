@@ -128,16 +128,23 @@ void GetMCEDAPI::mce_prepare(struct mce* m) {
     if (quarn::platform().wallClock(&now) == 0) m->time = static_cast<uint64_t>(now.tv_sec);
 }
 
+namespace {
+// The lines both record layouts share: the bank and its registers.
+void appendBankRegisters(const struct mce& m, std::string* text) {
+    appendf(text, "BANK %d\n", m.bank);
+    appendf(text, "TSC %#llx\n", static_cast<unsigned long long>(m.tsc));
+    appendf(text, "RIP %#02x:%#llx\n", m.cs, static_cast<unsigned long long>(m.ip));
+    appendf(text, "MISC %#llx\n", static_cast<unsigned long long>(m.misc));
+    appendf(text, "ADDR %#llx\n", static_cast<unsigned long long>(m.addr));
+    appendf(text, "STATUS %#llx\n", static_cast<unsigned long long>(m.status));
+    appendf(text, "MCGSTATUS %#llx\n", static_cast<unsigned long long>(m.mcgstatus));
+}
+}  // namespace
+
 void GetMCEDAPI::dump_mce_raw_ascii(struct mce* m, uint32_t recordLength, std::string* text) {
     if (m->finished == 0) text->append("not finished?\n");
     appendf(text, "\nCPU %u\n", m->extcpu ? m->extcpu : m->cpu);
-    appendf(text, "BANK %d\n", m->bank);
-    appendf(text, "TSC %#llx\n", static_cast<unsigned long long>(m->tsc));
-    appendf(text, "RIP %#02x:%#llx\n", m->cs, static_cast<unsigned long long>(m->ip));
-    appendf(text, "MISC %#llx\n", static_cast<unsigned long long>(m->misc));
-    appendf(text, "ADDR %#llx\n", static_cast<unsigned long long>(m->addr));
-    appendf(text, "STATUS %#llx\n", static_cast<unsigned long long>(m->status));
-    appendf(text, "MCGSTATUS %#llx\n", static_cast<unsigned long long>(m->mcgstatus));
+    appendBankRegisters(*m, text);
     if (m->time != 0)
         appendf(text, "TIME %llu, %s", static_cast<unsigned long long>(m->time),
                 ctimeText(m->time).c_str());
@@ -151,13 +158,7 @@ void GetMCEDAPI::dump_mce_raw_ascii(struct mce* m, uint32_t recordLength, std::s
     if (static_cast<int>(m->socketid) != package) return;
     if (m->finished == 0) text->append("not finished?\n");
     appendf(text, "CPU %u\n", m->extcpu ? m->extcpu : m->cpu);
-    appendf(text, "BANK %d\n", m->bank);
-    appendf(text, "TSC %#llx\n", static_cast<unsigned long long>(m->tsc));
-    appendf(text, "RIP %#02x:%#llx\n", m->cs, static_cast<unsigned long long>(m->ip));
-    appendf(text, "MISC %#llx\n", static_cast<unsigned long long>(m->misc));
-    appendf(text, "ADDR %#llx\n", static_cast<unsigned long long>(m->addr));
-    appendf(text, "STATUS %#llx\n", static_cast<unsigned long long>(m->status));
-    appendf(text, "MCGSTATUS %#llx\n", static_cast<unsigned long long>(m->mcgstatus));
+    appendBankRegisters(*m, text);
     appendf(text, "SOCKETID %d\n", static_cast<int>(m->socketid));
     appendf(text, "APICID %d\n", static_cast<int>(m->apicid));
     appendf(text, "MCGCAP 0x%llx\n", static_cast<unsigned long long>(m->mcgcap));

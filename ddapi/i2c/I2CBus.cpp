@@ -356,10 +356,13 @@ int I2CBus::I2C_smbus_write_word_data(int fd, unsigned char command, unsigned sh
     return I2C_smbus_access(fd, I2C_SMBUS_WRITE, command, I2C_SMBUS_WORD_DATA, &data);
 }
 
-int I2CBus::I2C_smbus_read_block_data(int fd, unsigned char command, unsigned char* values) {
+// Block reads and writes of both kinds (SMBus block with the length from the device,
+// I2C block with the length asked for) share the buffer handling.
+int I2CBus::readBlock(int fd, unsigned char command, int size, unsigned char* values) {
     union i2c_smbus_data data;
     memset(&data, 0, sizeof(data));
-    if (I2C_smbus_access(fd, I2C_SMBUS_READ, command, I2C_SMBUS_BLOCK_DATA, &data) < 0) return -1;
+    if (size == I2C_SMBUS_I2C_BLOCK_BROKEN) data.block[0] = I2C_SMBUS_BLOCK_MAX;
+    if (I2C_smbus_access(fd, I2C_SMBUS_READ, command, size, &data) < 0) return -1;
     // The kernel refuses lengths above 32; clamp anyway so a misbehaving driver cannot
     // make this copy run past values.
     const int n = std::min<int>(data.block[0], I2C_SMBUS_BLOCK_MAX);
@@ -367,33 +370,30 @@ int I2CBus::I2C_smbus_read_block_data(int fd, unsigned char command, unsigned ch
     return n;
 }
 
-int I2CBus::I2C_smbus_write_block_data(int fd, unsigned char command, unsigned char length,
-                                       const unsigned char* values) {
+int I2CBus::writeBlock(int fd, unsigned char command, int size, unsigned char length,
+                       const unsigned char* values) {
     union i2c_smbus_data data;
     memset(&data, 0, sizeof(data));
     const int n = std::min<int>(length, I2C_SMBUS_BLOCK_MAX);
     data.block[0] = static_cast<__u8>(n);
     if (n > 0) memcpy(&data.block[1], values, static_cast<size_t>(n));
-    return I2C_smbus_access(fd, I2C_SMBUS_WRITE, command, I2C_SMBUS_BLOCK_DATA, &data);
+    return I2C_smbus_access(fd, I2C_SMBUS_WRITE, command, size, &data);
+}
+
+int I2CBus::I2C_smbus_read_block_data(int fd, unsigned char command, unsigned char* values) {
+    return readBlock(fd, command, I2C_SMBUS_BLOCK_DATA, values);
+}
+
+int I2CBus::I2C_smbus_write_block_data(int fd, unsigned char command, unsigned char length,
+                                       const unsigned char* values) {
+    return writeBlock(fd, command, I2C_SMBUS_BLOCK_DATA, length, values);
 }
 
 int I2CBus::I2c_smbus_read_i2c_block_data(int fd, unsigned char command, unsigned char* values) {
-    union i2c_smbus_data data;
-    memset(&data, 0, sizeof(data));
-    data.block[0] = I2C_SMBUS_BLOCK_MAX;
-    if (I2C_smbus_access(fd, I2C_SMBUS_READ, command, I2C_SMBUS_I2C_BLOCK_BROKEN, &data) < 0)
-        return -1;
-    const int n = std::min<int>(data.block[0], I2C_SMBUS_BLOCK_MAX);
-    memcpy(values, &data.block[1], static_cast<size_t>(n));
-    return n;
+    return readBlock(fd, command, I2C_SMBUS_I2C_BLOCK_BROKEN, values);
 }
 
 int I2CBus::I2C_smbus_write_i2c_block_data(int fd, unsigned char command, unsigned char length,
                                            const unsigned char* values) {
-    union i2c_smbus_data data;
-    memset(&data, 0, sizeof(data));
-    const int n = std::min<int>(length, I2C_SMBUS_BLOCK_MAX);
-    data.block[0] = static_cast<__u8>(n);
-    if (n > 0) memcpy(&data.block[1], values, static_cast<size_t>(n));
-    return I2C_smbus_access(fd, I2C_SMBUS_WRITE, command, I2C_SMBUS_I2C_BLOCK_BROKEN, &data);
+    return writeBlock(fd, command, I2C_SMBUS_I2C_BLOCK_BROKEN, length, values);
 }

@@ -65,6 +65,10 @@ private:
     ErrorMsg* transferError(ERRORCODE code, int err);
     // Selects the SPD page of register reg through the EE1004 page-address commands.
     ErrorMsg* selectSpdPage(ERRORCODE function, int fd, int address, int reg);
+    // Block transfers of the given SMBus transaction size.
+    int readBlock(int fd, unsigned char command, int size, unsigned char* values);
+    int writeBlock(int fd, unsigned char command, int size, unsigned char length,
+                   const unsigned char* values);
 
     std::string Bus_name;
     int32_t Bus_ID;

@@ -87,7 +87,7 @@ ErrorMsg* SPDDDAPI::getDeviceList(std::list<std::string>* names, bool checkType)
 
 ErrorMsg* SPDDDAPI::getDeviceType(std::string name, DDRType* type) {
     if (!type) return returnErrorMsg(kGetDeviceType | kBadParameter2, "NULL pointer", nullptr);
-    unsigned char value;
+    unsigned char value = 0;
     if (ErrorMsg* chain = readField(kGetDeviceType, name, kDeviceType, kDeviceType, &value)) return chain;
     if (value != DDR3 && value != DDR4)
         return returnErrorMsg(kGetDeviceType | kUnexpectedValue, "unknown device", nullptr);
@@ -97,7 +97,7 @@ ErrorMsg* SPDDDAPI::getDeviceType(std::string name, DDRType* type) {
 
 ErrorMsg* SPDDDAPI::readTyped(ERRORCODE function, const std::string& name, int ddr3First, int ddr3Last,
                               int ddr4First, int ddr4Last, unsigned char* bytes, DDRType* type) {
-    DDRType ddr;
+    DDRType ddr = DDR4;
     if (ErrorMsg* chain = getDeviceType(name, &ddr)) return returnErrorMsg(function, nullptr, chain);
     if (type) *type = ddr;
     return ddr == DDR4 ? readField(function, name, ddr4First, ddr4Last, bytes)
@@ -106,7 +106,7 @@ ErrorMsg* SPDDDAPI::readTyped(ERRORCODE function, const std::string& name, int d
 
 ErrorMsg* SPDDDAPI::getModuleType(std::string name, std::string* type) {
     if (!type) return returnErrorMsg(kGetModuleType | kBadParameter2, "NULL pointer", nullptr);
-    unsigned char value;
+    unsigned char value = 0;
     if (ErrorMsg* chain = readField(kGetModuleType, name, kModuleType, kModuleType, &value)) return chain;
     switch (value) {
         case 1: *type = "Registered DIMM"; break;
@@ -126,12 +126,12 @@ ErrorMsg* SPDDDAPI::getModuleType(std::string name, std::string* type) {
 
 ErrorMsg* SPDDDAPI::getSize(std::string name, unsigned long long* bytes) {
     if (!bytes) return returnErrorMsg(kGetSize | kBadParameter2, "NULL pointer", nullptr);
-    DDRType type;
-    unsigned char density;
+    DDRType type = DDR4;
+    unsigned char density = 0;
     if (ErrorMsg* chain = readTyped(kGetSize, name, kDensity, kDensity, kDensity, kDensity, &density, &type))
         return chain;
     const int l = layout(type);
-    unsigned char organisation, busWidth, package = 0;
+    unsigned char organisation = 0, busWidth = 0, package = 0;
     if (ErrorMsg* chain = readField(kGetSize, name, kOrganisation[l], kOrganisation[l], &organisation)) return chain;
     if (ErrorMsg* chain = readField(kGetSize, name, kBusWidth[l], kBusWidth[l], &busWidth)) return chain;
     if (type == DDR4)
@@ -169,8 +169,8 @@ ErrorMsg* SPDDDAPI::getSize(std::string name, unsigned long long* bytes) {
 
 ErrorMsg* SPDDDAPI::getSpeed(std::string name, unsigned int* mts) {
     if (!mts) return returnErrorMsg(kGetSpeed | kBadParameter2, "NULL pointer", nullptr);
-    DDRType type;
-    unsigned char value;
+    DDRType type = DDR4;
+    unsigned char value = 0;
     if (ErrorMsg* chain = readTyped(kGetSpeed, name, kCycleTime[0], kCycleTime[0], kCycleTime[1], kCycleTime[1],
                                     &value, &type))
         return chain;
@@ -202,7 +202,7 @@ ErrorMsg* SPDDDAPI::getSpeed(std::string name, unsigned int* mts) {
 
 ErrorMsg* SPDDDAPI::getRankCount(std::string name, unsigned int* ranks) {
     if (!ranks) return returnErrorMsg(kGetRankCount | kBadParameter2, "NULL pointer", nullptr);
-    unsigned char organisation;
+    unsigned char organisation = 0;
     if (ErrorMsg* chain = readTyped(kGetRankCount, name, kOrganisation[0], kOrganisation[0], kOrganisation[1],
                                     kOrganisation[1], &organisation))
         return chain;
