@@ -1,6 +1,7 @@
 // Small string helpers shared by every module.
 #include "api/StringUtil.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -83,5 +84,17 @@ std::string systemErrorText(int err) {
     char buf[128];
     // GNU strerror_r returns the text, which may or may not live in buf.
     return strerror_r(err, buf, sizeof(buf));
+}
+
+std::vector<std::string> splitLines(const std::string& text, size_t maxLength) {
+    std::vector<std::string> lines;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t nl = text.find('\n', pos);
+        if (nl == std::string::npos) nl = text.size();
+        lines.push_back(text.substr(pos, std::min(nl - pos, maxLength)));
+        pos = nl + 1;
+    }
+    return lines;
 }
 }  // namespace quarn

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "api/Export.h"
 
@@ -24,4 +25,9 @@ QUARN_EXPORT int getArch();
 namespace quarn {
 // The operating system's text for an errno value (thread-safe strerror).
 QUARN_EXPORT std::string systemErrorText(int err);
+// The lines of text without their line feeds, each cut to at most maxLength characters
+// (as a fixed line buffer would take them); a last line without a feed counts, an empty
+// text has no lines.
+QUARN_EXPORT std::vector<std::string> splitLines(const std::string& text,
+                                                 size_t maxLength = std::string::npos);
 }  // namespace quarn

@@ -737,18 +737,6 @@ constexpr ERRORCODE kNoTestable = 0x04;
 // is a damaged file rather than a layout.
 constexpr size_t kMaxItems = 256;
 
-std::vector<std::string> lines(const std::string& text, size_t maxLength) {
-    std::vector<std::string> out;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t nl = text.find('\n', pos);
-        if (nl == std::string::npos) nl = text.size();
-        out.push_back(text.substr(pos, std::min(nl - pos, maxLength)));
-        pos = nl + 1;
-    }
-    return out;
-}
-
 // "label: 0x...-0x..." → label, start, end.
 bool parseRangeLine(const std::string& line, std::string* label, unsigned long long* start,
                     unsigned long long* end) {
@@ -793,7 +781,7 @@ ErrorMsg* MemoryDAPI::getTestableMemory(std::list<MemoryRange>* ranges, unsigned
                                   (std::string("can not open ") + kTestablePath).c_str(), nullptr);
     }
     ranges->clear();
-    const std::vector<std::string> all = lines(text, 127);
+    const std::vector<std::string> all = quarn::splitLines(text, 127);
     for (size_t i = 0; i < all.size(); ++i) {
         MemoryRange r;
         if (!parseRangeLine(all[i], &r.name, &r.start, &r.end)) continue;
@@ -858,7 +846,7 @@ ErrorMsg* MemoryDAPI::initializeTestableMemoryFile() {
             return returnErrorMsg(kInitTestableFile | kOpenFileFail,
                                   (std::string("can not open ") + kLayoutPath).c_str(), nullptr);
     }
-    const std::vector<std::string> all = lines(layout, 127);
+    const std::vector<std::string> all = quarn::splitLines(layout, 127);
     std::string out;
     bool written = false;
     auto countItems = [](const std::string& line) {

@@ -26,18 +26,6 @@ constexpr ERRORCODE kOpenFileFail = 0x215;
 const char kMcInfo[] = "/opt/veltrax/quarn/etc/mc_info";
 constexpr size_t kMcInfoLine = 31;
 
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t at = 0;
-    while (at < text.size()) {
-        size_t nl = text.find('\n', at);
-        if (nl == std::string::npos) nl = text.size();
-        lines.push_back(text.substr(at, nl - at));
-        at = nl + 1;
-    }
-    return lines;
-}
-
 std::string upper(std::string text) {
     for (char& c : text) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
     return text;
@@ -116,7 +104,7 @@ ErrorMsg* MemoryDAPI::checkDeviceBySMBIOS(std::list<std::string>* names) {
         return returnErrorMsg(kCheckDeviceBySMBIOS | kOpenFileFail, "dmidecode -t 17", nullptr);
     // The second blank-separated word of every line naming a size, in SMBIOS order.
     std::vector<std::string> sizes;
-    for (const std::string& line : splitLines(output)) {
+    for (const std::string& line : quarn::splitLines(output)) {
         if (line.find("Size") == std::string::npos) continue;
         const size_t first = line.find_first_not_of(" \t");
         const size_t gap = first == std::string::npos ? first : line.find_first_of(" \t", first);
@@ -151,7 +139,7 @@ ErrorMsg* MemoryDAPI::getInformation(std::list<DIMMInformation>* list) {
         return returnErrorMsg(kGetInformation | kOpenFileFail, kMcInfo, nullptr);
     bool integrated = false;
     int channels = 0;
-    for (std::string line : splitLines(mcInfo)) {
+    for (std::string line : quarn::splitLines(mcInfo)) {
         if (line.size() > kMcInfoLine) line.resize(kMcInfoLine);
         const size_t eq = line.find('=');
         if (eq == std::string::npos) continue;
@@ -186,7 +174,7 @@ ErrorMsg* MemoryDAPI::getInformation(std::list<DIMMInformation>* list) {
             return returnErrorMsg(kGetInformation | kOpenFileFail, "/proc/cpuinfo", nullptr);
         }
         std::set<std::string> sockets;
-        for (const std::string& line : splitLines(cpuinfo))
+        for (const std::string& line : quarn::splitLines(cpuinfo))
             if (line.find("physical id") != std::string::npos) sockets.insert(line);
         m_socketCount = static_cast<int>(sockets.size());
     }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "api/StringUtil.h"
 #include "api/platform/Files.h"
 #include "api/platform/Platform.h"
 #include "dapi/processor/PiSlots.h"
@@ -267,11 +268,7 @@ ErrorMsg* StabilityTestObject::check_system_memory_available(int power) {
     if (quarn::readTextFile("/proc/meminfo", &text) != 0)
         return returnErrorMsg(kStabilityTest, "Open /proc/meminfo fail", nullptr);
     unsigned long long availableKb = 0;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t nl = text.find('\n', pos);
-        std::string line = text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos);
-        pos = nl == std::string::npos ? text.size() : nl + 1;
+    for (const std::string& line : quarn::splitLines(text)) {
         size_t colon = line.find(':');
         if (colon == std::string::npos || line.compare(0, colon, "MemAvailable") != 0) continue;
         const char* value = line.c_str() + colon + 1;

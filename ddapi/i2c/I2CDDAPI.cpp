@@ -398,13 +398,8 @@ ErrorMsg* I2CDDAPI::applyProtocolEntries(I2CDevice* device, const std::string& d
             if (value.find("..") != std::string::npos || quarn::readTextFile(path, &text, 1u << 20) != 0)
                 return returnErrorMsg(kInitProtocol | kOpenProfileFail, path.c_str(), nullptr);
             std::string first;
-            size_t pos = 0;
             bool found = false;
-            while (pos < text.size()) {
-                size_t nl = text.find('\n', pos);
-                if (nl == std::string::npos) nl = text.size();
-                std::string l = text.substr(pos, nl - pos);
-                pos = nl + 1;
+            for (std::string l : quarn::splitLines(text)) {
                 if (!l.empty() && l[0] == '#') continue;
                 if (l.size() > static_cast<size_t>(kMaxProtocolFileLine)) {
                     formatMessage("line of %.30s longer than %d", value.c_str(), kMaxProtocolFileLine);

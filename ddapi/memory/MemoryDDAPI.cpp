@@ -65,12 +65,8 @@ constexpr ERRORCODE kIncorrectLayout = 0x08;
 // cannot be read, which is what reading the output of a failed cat gives.
 std::vector<std::string> fileLines(const std::string& path) {
     std::string text;
-    std::vector<std::string> lines;
-    if (quarn::readTextFile(path, &text) != 0) return lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) lines.push_back(line);
-    return lines;
+    if (quarn::readTextFile(path, &text) != 0) return {};
+    return quarn::splitLines(text);
 }
 
 long long firstNumber(const std::string& path) {

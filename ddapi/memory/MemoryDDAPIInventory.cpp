@@ -53,18 +53,6 @@ std::string hexDump(const unsigned char* bytes, int count) {
     return text;
 }
 
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t at = 0;
-    while (at < text.size()) {
-        size_t nl = text.find('\n', at);
-        if (nl == std::string::npos) nl = text.size();
-        lines.push_back(text.substr(at, nl - at));
-        at = nl + 1;
-    }
-    return lines;
-}
-
 std::string trimBlanks(const std::string& text) {
     const size_t first = text.find_first_not_of(" \t");
     if (first == std::string::npos) return "";
@@ -105,7 +93,7 @@ std::vector<std::string> memoryDeviceLines(const std::string& output) {
         if (!containsNoModule(clean)) records.push_back(clean);
         current.clear();
     };
-    for (const std::string& line : splitLines(output)) {
+    for (const std::string& line : quarn::splitLines(output)) {
         const size_t colon = line.find(':');
         const std::string key = trimBlanks(line.substr(0, colon));
         if (line.find("Serial Number") != std::string::npos || line.find("Locator") != std::string::npos ||
@@ -163,7 +151,7 @@ ErrorMsg* MemoryDDAPI::getDIMMInformationBySPD(std::string name, DIMMInformation
     if (quarn::platform().runProgram({"decode-dimms", "-x", file}, &output, &status, false) != 0)
         return returnErrorMsg(kBySPD | kDecodeFail, nullptr, nullptr);
 
-    for (std::string line : splitLines(output)) {
+    for (std::string line : quarn::splitLines(output)) {
         // Lines are taken up to 127 characters; the rest of a longer line is dropped.
         if (line.size() > kLineLimit) line.resize(kLineLimit);
         if (line.find("Number of SDRAM DIMMs detected and decoded: 1") != std::string::npos) {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <new>
 
+#include "api/StringUtil.h"
 #include "api/platform/Files.h"
 #include "api/platform/Platform.h"
 #include "ddapi/memory/MemoryDDAPI.h"
@@ -74,14 +75,9 @@ constexpr ERRORCODE kIllegalRequest = 0x201;
 bool readLines(const char* path, size_t limit, std::vector<std::string>* lines) {
     std::string text;
     if (quarn::readTextFile(path, &text) != 0) return false;
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t end = text.find('\n', pos);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(pos, std::min(end - pos, limit - 1));
+    for (std::string& line : quarn::splitLines(text, limit - 1)) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        lines->push_back(line);
-        pos = end + 1;
+        lines->push_back(std::move(line));
     }
     return true;
 }

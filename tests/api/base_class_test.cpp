@@ -212,3 +212,14 @@ TEST(StringHelpers, ArchitectureFromTheKernelRelease) {
 }
 
 }  // namespace
+
+TEST(StringHelpers, SplitLinesKeepsEmptyLinesAndCutsLongOnes) {
+    using V = std::vector<std::string>;
+    EXPECT_EQ(quarn::splitLines(""), V{});
+    EXPECT_EQ(quarn::splitLines("\n"), V{""});
+    EXPECT_EQ(quarn::splitLines("a\n\nb"), (V{"a", "", "b"}));  // last line without a feed
+    EXPECT_EQ(quarn::splitLines("a\nb\n"), (V{"a", "b"}));      // no line after the last feed
+    // A line longer than the buffer is cut, and its tail is not taken for a line.
+    EXPECT_EQ(quarn::splitLines("abcdef\ngh\n", 3), (V{"abc", "gh"}));
+    EXPECT_EQ(quarn::splitLines("abc\n", 0), V{""});
+}
