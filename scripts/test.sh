@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the whole test suite: unit tests on the virtual board, the install check, and
-# (with --sanitize) the same suite built with AddressSanitizer and UndefinedBehaviorSanitizer.
+# (with --sanitize) the same suite built with AddressSanitizer and UndefinedBehaviorSanitizer,
+# plus short runs of the fuzz targets.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -8,7 +9,7 @@ mode=${1:-plain}
 filter=${2:-}  # optional ctest name regex
 case "$mode" in
   plain)    dir=build;          extra=() ;;
-  --sanitize) dir=build-asan;   extra=(-DQUARN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug) ;;
+  --sanitize) dir=build-asan;   extra=(-DQUARN_SANITIZE=ON -DQUARN_FUZZ=ON -DCMAKE_BUILD_TYPE=Debug) ;;
   --tsan)   dir=build-tsan;     extra=(-DQUARN_TSAN=ON -DCMAKE_BUILD_TYPE=Debug) ;;
   *) echo "usage: scripts/test.sh [--sanitize|--tsan]" >&2; exit 2 ;;
 esac
