@@ -19,9 +19,10 @@ namespace {
 // fuzzed contents too.
 const char kFileMarker[] = "\n#--file--\n";
 
+// One board for the whole run; a static object, so its private root is removed at exit.
 quarn::vboard::VirtualBoard& board() {
-    static quarn::vboard::VirtualBoard* b = [] {
-        auto* vb = new quarn::vboard::VirtualBoard();
+    static quarn::vboard::VirtualBoard b;
+    static const bool ready = [] {
         for (int n = 0; n < 3; ++n) {
             auto adapter = std::make_shared<quarn::vboard::I2cAdapterModel>();
             if (n == 0) {
@@ -30,12 +31,13 @@ quarn::vboard::VirtualBoard& board() {
                 sw->channel(1).attach(0x4C, std::make_shared<quarn::vboard::RegisterFileModel>());
                 adapter->segment().attach(0x50, std::make_shared<quarn::vboard::RegisterFileModel>(256, 16));
             }
-            vb->addDevice("/dev/i2c-" + std::to_string(n), adapter);
+            b.addDevice("/dev/i2c-" + std::to_string(n), adapter);
         }
-        quarn::installPlatform(vb);
-        return vb;
+        quarn::installPlatform(&b);
+        return true;
     }();
-    return *b;
+    (void)ready;
+    return b;
 }
 
 void drop(ErrorMsg* chain) {

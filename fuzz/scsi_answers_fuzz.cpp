@@ -71,14 +71,16 @@ public:
     }
 };
 
+// One board for the whole run; a static object, so its private root is removed at exit.
 quarn::vboard::VirtualBoard& board() {
-    static quarn::vboard::VirtualBoard* b = [] {
-        auto* vb = new quarn::vboard::VirtualBoard();
-        vb->addDevice("/dev/sg9", std::make_shared<FuzzedDisk>());
-        quarn::installPlatform(vb);
-        return vb;
+    static quarn::vboard::VirtualBoard b;
+    static const bool ready = [] {
+        b.addDevice("/dev/sg9", std::make_shared<FuzzedDisk>());
+        quarn::installPlatform(&b);
+        return true;
     }();
-    return *b;
+    (void)ready;
+    return b;
 }
 
 void drop(ErrorMsg* chain) {
