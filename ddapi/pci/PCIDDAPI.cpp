@@ -531,8 +531,10 @@ void PCIDDAPI::ConfigReadByte(_PFA pfa, uint32_t first, uint32_t last, uint8_t* 
     const bool plx = m_currentInfo.vendorID == 0x10B5;
     const uint32_t port = (plx && m_current) ? m_current->getPortNumber() : 0;
     releasePciObject();
-    if (plx && m_memoryDriver) {
-        readSwitchBar();
+    // Without an upstream port there is no window: its slices would start at physical
+    // address 0. The port's own configuration file is used instead.
+    if (plx && m_memoryDriver) readSwitchBar();
+    if (plx && m_memoryDriver && m_plxBar != 0) {
         const unsigned long long base = m_plxBar + ((static_cast<unsigned long long>(port) << 12) & 0xFF000);
         for (uint32_t i = first; i <= last; ++i) buffer[i - first] = m_memoryDriver->read8(base + i);
         deleteErrorMsg(m_memoryDriver->getErrorMsg());
@@ -548,8 +550,8 @@ void PCIDDAPI::ConfigWriteByte(_PFA pfa, uint32_t offset, uint8_t* data, uint32_
     const bool plx = m_currentInfo.vendorID == 0x10B5;
     const uint32_t port = (plx && m_current) ? m_current->getPortNumber() : 0;
     releasePciObject();
-    if (plx && m_memoryDriver) {
-        readSwitchBar();
+    if (plx && m_memoryDriver) readSwitchBar();
+    if (plx && m_memoryDriver && m_plxBar != 0) {
         const unsigned long long base = m_plxBar + ((static_cast<unsigned long long>(port) << 12) & 0xFF000);
         for (uint32_t i = 0; i < length; ++i)
             deleteErrorMsg(m_memoryDriver->write(base + offset + i, static_cast<unsigned char>(data[i])));

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <set>
@@ -190,6 +191,30 @@ TEST_F(PciOperationsTest, PlxPortRangeAccessGoesThroughTheSwitchWindow) {
     ASSERT_EQ(render(pci.writeConfig(pfa(0, 4, 0, 0), 0x3C, &line, 1)), "");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "write failed");
     EXPECT_EQ(fn("0000:04:00.0")->read(0x3C, 1), 0u);
+}
+
+// With no upstream port in the device list there is no switch window to go through: a
+// PLX port's range access then uses its own configuration file, and never lands in
+// physical memory at the bottom of the address space (the port's slice from address 0).
+TEST_F(PciOperationsTest, PlxPortRangeAccessWithoutUpstreamPortUsesTheConfigFile) {
+    board.removeDevice(configPath("0000:01:00.0"));
+    std::error_code ec;
+    std::filesystem::remove_all(board.hostPath("/sys/bus/pci/devices/0000:01:00.0"), ec);
+    PCIDAPI pci("PCIDAPI");
+    auto port = fn("0000:02:03.0");
+    const _PFA at = pfa(0, 2, 3, 0);
+    uint8_t* low = board.memory->memory()->view(0x3000);
+    ASSERT_NE(low, nullptr);
+    for (int i = 0; i < 0x40; ++i) low[i] = static_cast<uint8_t>(0xA0 + i);
+
+    uint8_t header[0x40] = {};
+    ASSERT_EQ(render(pci.readConfig(at, 0, sizeof(header) - 1, header)), "");
+    for (uint32_t i = 0; i < sizeof(header); ++i) ASSERT_EQ(header[i], port->read(i, 1)) << "offset " << i;
+
+    uint8_t line = 0x5A;
+    ASSERT_EQ(render(pci.writeConfig(at, 0x3C, &line, 1)), "");
+    EXPECT_EQ(port->read(0x3C, 1), 0x5Au);
+    EXPECT_EQ(low[0x3C], 0xA0 + 0x3C);
 }
 
 // ---------------------------------------------------------------- BARs
