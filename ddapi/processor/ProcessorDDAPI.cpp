@@ -293,7 +293,9 @@ ErrorMsg* ProcessorDDAPI::GetCPUPhysicalNumber(int* count) {
     for (const std::string& line : fgetsLines(text, kCountLineSize)) {
         if (line.compare(0, 11, "physical id") != 0) continue;
         int id;
-        if (sscanf(line.c_str(), "physical id     : %d", &id) == 1 && id > highest) highest = id;
+        // A package number the count cannot hold is no package of this machine.
+        if (sscanf(line.c_str(), "physical id     : %d", &id) == 1 && id > highest && id < INT_MAX)
+            highest = id;
     }
     if (count) *count = highest < 0 ? 1 : highest + 1;
     return nullptr;
