@@ -235,6 +235,9 @@ ErrorMsg* PCIDDAPI::getDeviceList(std::vector<_PCIInformantion>* list, bool sort
 }
 
 ERRORCODE PCIDDAPI::getPciDeviceNameMappingTable() {
+    // The table is read afresh on every naming: it holds the list as it is now, and a
+    // long-lived object does not grow by a whole pci.ids per call.
+    m_names.clear();
     std::vector<std::string> lines;
     if (!readLines(kPciIds, kMaxIdLine, &lines)) {
         printf("fail_to_open_pci.ids");

@@ -1032,6 +1032,11 @@ TEST_F(PciOperationsTest, NamesFromPciIdsAndTheBuiltInTable) {
     pci.getDevicesName(&list);
     EXPECT_EQ(list[0].name, "Acme Corp Widget");
     EXPECT_EQ(list[1].name, "Vendor 1234 Device 0002");
+    // An updated list is seen by the same object: the old names are not kept in front.
+    board.writeFile("/usr/share/pci.ids", "1234  Acme Holdings\n\t0001  Widget Mk II\n");
+    pci.getDevicesName(&list);
+    EXPECT_EQ(list[0].name, "Acme Holdings Widget Mk II");
+    EXPECT_EQ(list[2].name, "Vendor 5678 Device 0002");
 
     // Without pci.ids every name comes from the fallback.
     ASSERT_EQ(board.unlink("/usr/share/pci.ids"), 0);
