@@ -9,20 +9,21 @@
 #include "api/ErrorText.h"
 #include "api/platform/Platform.h"
 #include "ddapi/i2c/I2CDDAPI.h"
+#include "fuzz/FuzzSupport.h"
 #include "vboard/VirtualBoard.h"
 #include "vboard/models/I2cBusModel.h"
 #include "vboard/models/I2cDeviceModels.h"
 
 namespace {
 
+using quarn::fuzz::drop;
+
 // Text after this marker becomes "/etc/quarn/f.ini", so "file=f.ini" entries get
 // fuzzed contents too.
 const char kFileMarker[] = "\n#--file--\n";
 
-// One board for the whole run; a static object, so its private root is removed at exit.
 quarn::vboard::VirtualBoard& board() {
-    static quarn::vboard::VirtualBoard b;
-    static const bool ready = [] {
+    return quarn::fuzz::board([](quarn::vboard::VirtualBoard& b) {
         for (int n = 0; n < 3; ++n) {
             auto adapter = std::make_shared<quarn::vboard::I2cAdapterModel>();
             if (n == 0) {
@@ -33,16 +34,7 @@ quarn::vboard::VirtualBoard& board() {
             }
             b.addDevice("/dev/i2c-" + std::to_string(n), adapter);
         }
-        quarn::installPlatform(&b);
-        return true;
-    }();
-    (void)ready;
-    return b;
-}
-
-void drop(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
+    });
 }
 
 }  // namespace

@@ -12,9 +12,12 @@
 #include "api/platform/Platform.h"
 #include "dapi/memory/MemoryDAPI.h"
 #include "ddapi/memory/MemoryDDAPI.h"
+#include "fuzz/FuzzSupport.h"
 #include "vboard/VirtualBoard.h"
 
 namespace {
+
+using quarn::fuzz::drop;
 
 const char kMarker[] = "\n#--file--\n";
 // A piece that is exactly this leaves its file absent, so the paths that create or
@@ -40,21 +43,7 @@ const char* const kFiles[] = {
     "/proc/cpuinfo",
 };
 
-// One board for the whole run; a static object, so its private root is removed at exit.
-quarn::vboard::VirtualBoard& board() {
-    static quarn::vboard::VirtualBoard b;
-    static const bool ready = [] {
-        quarn::installPlatform(&b);
-        return true;
-    }();
-    (void)ready;
-    return b;
-}
-
-void drop(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-}
+quarn::vboard::VirtualBoard& board() { return quarn::fuzz::board(); }
 
 }  // namespace
 

@@ -46,10 +46,13 @@
 #include "dapi/pci/PCIDAPI.h"
 #include "ddapi/pci/PCIDDAPI.h"
 #include "vboard/DeviceModel.h"
+#include "fuzz/FuzzSupport.h"
 #include "vboard/VirtualBoard.h"
 #include "vboard/models/PciModels.h"
 
 namespace {
+
+using quarn::fuzz::drop;
 
 using quarn::vboard::PciConfigPorts;
 using quarn::vboard::PciFunction;
@@ -97,16 +100,7 @@ public:
     }
 };
 
-// One board for the whole run; a static object, so its private root is removed at exit.
-quarn::vboard::VirtualBoard& board() {
-    static quarn::vboard::VirtualBoard b;
-    static const bool ready = [] {
-        quarn::installPlatform(&b);
-        return true;
-    }();
-    (void)ready;
-    return b;
-}
+quarn::vboard::VirtualBoard& board() { return quarn::fuzz::board(); }
 
 // The layers print their reports on stdout; the run keeps them out of the log unless
 // PCI_FUZZ_SHOW_OUTPUT is set (to look at what one input does).
@@ -133,11 +127,6 @@ public:
 private:
     int m_saved = -1;
 };
-
-void drop(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-}
 
 struct Placed {
     _PFA pfa;

@@ -28,9 +28,12 @@
 #include "dapi/processor/StabilityTestObject.h"
 #include "ddapi/processor/ProcessorDDAPI.h"
 #include "vboard/DeviceModel.h"
+#include "fuzz/FuzzSupport.h"
 #include "vboard/VirtualBoard.h"
 
 namespace {
+
+using quarn::fuzz::drop;
 
 const char kMarker[] = "\n#--file--\n";
 const char kAbsent[] = "-";
@@ -150,25 +153,14 @@ public:
     }
 };
 
-// One board for the whole run; a static object, so its private root is removed at exit.
 quarn::vboard::VirtualBoard& board() {
-    static quarn::vboard::VirtualBoard b;
-    static const bool ready = [] {
+    return quarn::fuzz::board([](quarn::vboard::VirtualBoard& b) {
         b.addDevice("/dev/mcelog", std::make_shared<FuzzedMcelog>());
         for (int cpu = 0; cpu < kMsrNodes; ++cpu)
             b.addDevice("/dev/cpu/" + std::to_string(cpu) + "/msr", std::make_shared<FuzzedMsr>());
         b.setCpuCount(kMsrNodes);
-        quarn::installPlatform(&b);
         quarn::registerLibpciSysfsPath(&b, b.hostPath("/sys/bus/pci"));
-        return true;
-    }();
-    (void)ready;
-    return b;
-}
-
-void drop(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
+    });
 }
 
 // The host bridge 0000:00:00.0 with the given configuration space.

@@ -17,9 +17,12 @@
 #include "ddapi/scsi/SCSIFactory.h"
 #include "ddapi/scsi/SCSISenseAnalyzer.h"
 #include "vboard/DeviceModel.h"
+#include "fuzz/FuzzSupport.h"
 #include "vboard/VirtualBoard.h"
 
 namespace {
+
+using quarn::fuzz::drop;
 
 // The input, consumed front to back; zeros once it runs out.
 struct Feed {
@@ -71,21 +74,10 @@ public:
     }
 };
 
-// One board for the whole run; a static object, so its private root is removed at exit.
 quarn::vboard::VirtualBoard& board() {
-    static quarn::vboard::VirtualBoard b;
-    static const bool ready = [] {
+    return quarn::fuzz::board([](quarn::vboard::VirtualBoard& b) {
         b.addDevice("/dev/sg9", std::make_shared<FuzzedDisk>());
-        quarn::installPlatform(&b);
-        return true;
-    }();
-    (void)ready;
-    return b;
-}
-
-void drop(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
+    });
 }
 
 }  // namespace
