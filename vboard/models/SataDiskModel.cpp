@@ -226,14 +226,6 @@ bool SataDiskModel::smartThresholdExceeded() const {
 }
 
 int SataDiskModel::executeSg(sg_io_hdr* io, bool writable) {
-    if (!io) {
-        errno = EFAULT;
-        return -1;
-    }
-    if (io->interface_id != 'S') {
-        errno = ENOSYS;
-        return -1;
-    }
     const bool ata = io->cmdp && io->cmd_len >= 1 && io->cmdp[0] == kAtaPassThrough16;
     uint64_t bytes = 0;
     if (io->cmdp && io->cmd_len == 16 && (io->cmdp[0] == 0x88 || io->cmdp[0] == 0x8A))

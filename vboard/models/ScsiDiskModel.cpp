@@ -132,14 +132,6 @@ bool ScsiDiskModel::descriptorSense() const { return (m_modeCurrent.at(0x0A)[2] 
 bool ScsiDiskModel::writeCacheEnabled() const { return (m_modeCurrent.at(0x08)[2] & 0x04) != 0; }
 
 int ScsiDiskModel::execute(sg_io_hdr* io, bool writable) {
-    if (!io) {
-        errno = EFAULT;
-        return -1;
-    }
-    if (io->interface_id != 'S') {
-        errno = ENOSYS;
-        return -1;
-    }
     if (io->cmd_len > 16) {
         errno = EMSGSIZE;
         return -1;

@@ -1,5 +1,6 @@
-// One open of a SCSI generic node: SG_IO goes to the disk model under its lock, the sg
-// driver's version answers SG_GET_VERSION_NUM, anything else is ENOTTY.
+// One open of a SCSI generic node: SG_IO goes to the disk model under its lock once the
+// header passes the sg driver's own checks, the driver's version answers
+// SG_GET_VERSION_NUM, anything else is ENOTTY.
 #pragma once
 
 #include <scsi/sg.h>
@@ -8,15 +9,18 @@
 
 namespace quarn::vboard {
 
-// execute is the model's SG_IO entry: (header, descriptor opened for writing).
+// execute is the model's SG_IO entry: (a v3 header, descriptor opened for writing).
 template <typename Model, int (Model::*execute)(sg_io_hdr*, bool)>
 class SgHandle : public FileHandle {
 public:
     SgHandle(Model& model, bool writable) : m_model(model), m_writable(writable) {}
     int ioctl(unsigned long request, void* arg) override {
         if (request == SG_IO) {
+            auto* io = static_cast<sg_io_hdr*>(arg);
+            if (!io) return static_cast<int>(fail(EFAULT));
+            if (io->interface_id != 'S') return static_cast<int>(fail(ENOSYS));  // not sg v3
             std::lock_guard<std::mutex> lock(m_model.mutex());
-            return (m_model.*execute)(static_cast<sg_io_hdr*>(arg), m_writable);
+            return (m_model.*execute)(io, m_writable);
         }
         if (request == SG_GET_VERSION_NUM) {
             *static_cast<int*>(arg) = 30536;  // sg driver 3.5.36
