@@ -11,7 +11,7 @@
 #include "api/platform/Platform.h"
 #include "dapi/memory/MemoryDAPI.h"
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/MemoryController.h"
+#include "vboard/models/memory/MemoryController.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include "ddapi/i2c/I2CDDAPI.h"
 #include "fuzz/FuzzSupport.h"
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/I2cBusModel.h"
-#include "vboard/models/I2cDeviceModels.h"
+#include "vboard/models/i2c/I2cBusModel.h"
+#include "vboard/models/i2c/I2cDeviceModels.h"
 
 namespace {
 

@@ -48,7 +48,7 @@
 #include "vboard/DeviceModel.h"
 #include "fuzz/FuzzSupport.h"
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/PciModels.h"
+#include "vboard/models/pci/PciModels.h"
 
 namespace {
 

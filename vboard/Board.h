@@ -6,16 +6,16 @@
 #include <string>
 
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/I2cBoard.h"
-#include "vboard/models/MemoryController.h"
-#include "vboard/models/PciModels.h"
-#include "vboard/models/Pit8254Model.h"
-#include "vboard/models/ProcessorModels.h"
-#include "vboard/models/RtcModel.h"
-#include "vboard/models/ScsiDiskModel.h"
-#include "vboard/models/AhciControllerModel.h"
-#include "vboard/models/SataDiskModel.h"
-#include "vboard/models/SmbiosModel.h"
+#include "vboard/models/i2c/I2cBoard.h"
+#include "vboard/models/memory/MemoryController.h"
+#include "vboard/models/pci/PciModels.h"
+#include "vboard/models/rtc/Pit8254Model.h"
+#include "vboard/models/processor/ProcessorModels.h"
+#include "vboard/models/rtc/RtcModel.h"
+#include "vboard/models/scsi/ScsiDiskModel.h"
+#include "vboard/models/sata/AhciControllerModel.h"
+#include "vboard/models/sata/SataDiskModel.h"
+#include "vboard/models/memory/SmbiosModel.h"
 
 namespace quarn::vboard {
 

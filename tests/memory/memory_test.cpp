@@ -11,7 +11,7 @@
 #include "dapi/memory/MemoryDAPI.h"
 #include "ddapi/memory/MemoryDDAPI.h"
 #include "vboard/Board.h"
-#include "vboard/models/MemoryController.h"
+#include "vboard/models/memory/MemoryController.h"
 #include "tests/lib/Render.h"
 
 namespace {

@@ -13,7 +13,7 @@
 
 #include "api/platform/Platform.h"
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/PhysicalMemory.h"
+#include "vboard/models/memory/PhysicalMemory.h"
 
 namespace {
 

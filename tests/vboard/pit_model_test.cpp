@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "vboard/VirtualClock.h"
-#include "vboard/models/Pit8254Model.h"
+#include "vboard/models/rtc/Pit8254Model.h"
 
 namespace {
 

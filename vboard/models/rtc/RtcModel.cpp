@@ -1,5 +1,5 @@
 // A battery-backed CMOS clock behind /dev/rtc0.
-#include "vboard/models/RtcModel.h"
+#include "vboard/models/rtc/RtcModel.h"
 
 #include <fcntl.h>
 #include <linux/rtc.h>

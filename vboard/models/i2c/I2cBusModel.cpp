@@ -1,5 +1,5 @@
 // I2C on the simulated board: segments, switches and the i2c-dev adapter nodes.
-#include "vboard/models/I2cBusModel.h"
+#include "vboard/models/i2c/I2cBusModel.h"
 
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>

@@ -1,5 +1,5 @@
 // The PCH's AHCI SATA controller as its ABAR registers (AHCI 1.3.1, chapter 3).
-#include "vboard/models/AhciControllerModel.h"
+#include "vboard/models/sata/AhciControllerModel.h"
 
 namespace quarn::vboard {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "vboard/VirtualClock.h"
-#include "vboard/models/I2cBusModel.h"
+#include "vboard/models/i2c/I2cBusModel.h"
 
 namespace quarn::vboard {
 

@@ -1,5 +1,5 @@
 // The board firmware's SMBIOS memory description and the board tools of the DIMM inventory.
-#include "vboard/models/SmbiosModel.h"
+#include "vboard/models/memory/SmbiosModel.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 
 #include "api/platform/Platform.h"
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/I2cBoard.h"
+#include "vboard/models/i2c/I2cBoard.h"
 
 namespace quarn::vboard {
 

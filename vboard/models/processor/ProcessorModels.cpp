@@ -1,5 +1,5 @@
 // Simulated Broadwell-DE processors, their MSR nodes, the machine-check log and meminfo.
-#include "vboard/models/ProcessorModels.h"
+#include "vboard/models/processor/ProcessorModels.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>

@@ -1,5 +1,5 @@
 // The board's I2C population and its I2C profile.
-#include "vboard/models/I2cBoard.h"
+#include "vboard/models/i2c/I2cBoard.h"
 
 #include <string>
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "vboard/models/PhysicalMemory.h"
+#include "vboard/models/memory/PhysicalMemory.h"
 
 namespace quarn::vboard {
 

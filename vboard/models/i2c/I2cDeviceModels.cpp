@@ -1,5 +1,5 @@
 // Devices on the simulated I2C buses: register file, SPD and VPD EEPROMs, SMBus devices.
-#include "vboard/models/I2cDeviceModels.h"
+#include "vboard/models/i2c/I2cDeviceModels.h"
 
 #include <algorithm>
 #include <cstring>

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "vboard/models/ScsiDiskModel.h"
+#include "vboard/models/scsi/ScsiDiskModel.h"
 
 namespace quarn::vboard {
 

@@ -1,5 +1,5 @@
 // The 8254 programmable interval timer on ports 0x40-0x43.
-#include "vboard/models/Pit8254Model.h"
+#include "vboard/models/rtc/Pit8254Model.h"
 
 namespace quarn::vboard {
 

@@ -1,5 +1,5 @@
 // A sysfs attribute served by a model.
-#include "vboard/models/AttributeModel.h"
+#include "vboard/AttributeModel.h"
 
 #include <fcntl.h>
 

@@ -1,7 +1,7 @@
 // A SAS disk behind a SCSI generic node (/dev/sgN): SG_IO with the SPC-4/SBC-3 commands
 // a disk answers, a sparse medium, log and mode pages, defect lists and injectable faults.
-#include "vboard/models/ScsiDiskModel.h"
-#include "vboard/models/SgHandle.h"
+#include "vboard/models/scsi/ScsiDiskModel.h"
+#include "vboard/models/scsi/SgHandle.h"
 
 #include <fcntl.h>
 #include <scsi/sg.h>

@@ -1,12 +1,12 @@
 // The board's memory and its memory controller as the EDAC driver shows it.
-#include "vboard/models/MemoryController.h"
+#include "vboard/models/memory/MemoryController.h"
 
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/AttributeModel.h"
+#include "vboard/AttributeModel.h"
 
 namespace quarn::vboard {
 

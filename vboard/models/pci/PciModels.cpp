@@ -1,5 +1,5 @@
 // PCI functions of the virtual board and the board's PCI population.
-#include "vboard/models/PciModels.h"
+#include "vboard/models/pci/PciModels.h"
 
 #include <fcntl.h>
 

@@ -1,5 +1,5 @@
 // The board's physical memory behind /dev/mem.
-#include "vboard/models/PhysicalMemory.h"
+#include "vboard/models/memory/PhysicalMemory.h"
 
 #include <signal.h>
 #include <sys/mman.h>

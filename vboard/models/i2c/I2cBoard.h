@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "vboard/VirtualBoard.h"
-#include "vboard/models/I2cBusModel.h"
-#include "vboard/models/I2cDeviceModels.h"
+#include "vboard/models/i2c/I2cBusModel.h"
+#include "vboard/models/i2c/I2cDeviceModels.h"
 
 namespace quarn::vboard {
 

@@ -1,7 +1,7 @@
 // A SATA disk behind libata's SCSI translation (SAT-3): ATA PASS-THROUGH(16) with the
 // ATA8-ACS IDENTIFY DEVICE and SMART layouts, the rest served by the SCSI disk model.
-#include "vboard/models/SataDiskModel.h"
-#include "vboard/models/SgHandle.h"
+#include "vboard/models/sata/SataDiskModel.h"
+#include "vboard/models/scsi/SgHandle.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -13,7 +13,7 @@
 
 #include "vboard/VirtualBoard.h"
 #include "vboard/VirtualClock.h"
-#include "vboard/models/AhciControllerModel.h"
+#include "vboard/models/sata/AhciControllerModel.h"
 
 namespace quarn::vboard {
 
