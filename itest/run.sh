@@ -53,7 +53,7 @@ vmlinuz=$kroot/x/boot/vmlinuz-$kver
 if [ ! -e "$build/libquarn-2.0.so.0" ]; then scripts/build.sh "$build" >/dev/null; fi
 lib=$(readlink -f "$build/libquarn-2.0.so.0")
 guest=$cache/guest_test
-g++ -std=c++17 -O1 -g0 -Wall -Wextra -I"$root" -o "$guest" itest/guest_test.cpp \
+g++ -std=c++17 -O1 -g0 -Wall -Wextra -I"$root" -o "$guest" itest/*.cpp \
   "$lib" -pthread || { echo "FAIL itest: guest program does not build"; echo "0 passed, 1 failed"; exit 1; }
 
 # Initramfs: busybox, the program, its libraries (from ldd), the modules and the profile.
