@@ -57,15 +57,20 @@ int main(int argc, char** argv) {
     printf("%-28s %10.1f MB/s\n", "plain fill+compare (64-bit)", mb / plain);
 
     MemoryDAPI memory("MemoryDAPI");
+    // Each test is timed in turn with a plain pass right before it, five times, and the
+    // best of each is compared: another program taking the memory bus or a core for a
+    // while then slows both sides of one comparison instead of one side only.
     auto run = [&](const char* name, int passes, auto f) {
-        double best = 1e9;
-        for (int i = 0; i < 3; ++i) {
+        double best = 1e9, bestPlain = 1e9;
+        for (int i = 0; i < 5; ++i) {
+            bestPlain = std::min(bestPlain, plainPass(view, size / 8, 0xA5A5A5A5A5A5A5A5ULL));
             auto t0 = std::chrono::steady_clock::now();
             if (!ok(f())) return;
             best = std::min(best, seconds(t0));
         }
         const double rate = mb * passes / best;
-        printf("%-28s %10.1f MB/s  (%.2f of plain)\n", name, rate, rate / (mb / plain));
+        printf("%-28s %10.1f MB/s  (%.2f of plain at %.1f MB/s)\n", name, rate, rate / (mb / bestPlain),
+               mb / bestPlain);
     };
     run("patternTest 64-bit", 1, [&] { return memory.patternTest(start, end, 64, 0x5A5A5A5A5A5A5A5AULL); });
     run("patternTest 32-bit", 1, [&] { return memory.patternTest(start, end, 32, 0x5A5A5A5A); });

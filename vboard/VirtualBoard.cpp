@@ -267,6 +267,15 @@ int VirtualBoard::ioctl(int fd, unsigned long request, void* arg) {
     return h->ioctl(request, arg);
 }
 
+// Callers hold m_mutex.
+std::vector<std::pair<void*, std::shared_ptr<FileHandle>>>::iterator VirtualBoard::findMapping(void* addr) {
+    for (auto it = m_mappings.end(); it != m_mappings.begin();) {
+        --it;
+        if (it->first == addr) return it;
+    }
+    return m_mappings.end();
+}
+
 void* VirtualBoard::mmap(size_t length, int prot, int flags, int fd, off_t offset) {
     std::shared_ptr<FileHandle> h = handle(fd);
     if (!h) {
@@ -277,7 +286,9 @@ void* VirtualBoard::mmap(size_t length, int prot, int flags, int fd, off_t offse
     if (addr != MAP_FAILED) {
         // The mapping outlives the descriptor, as on Linux: the handle stays with it.
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_mappings[addr] = h;
+        auto it = findMapping(addr);
+        if (it != m_mappings.end()) it->second = std::move(h);
+        else m_mappings.emplace_back(addr, std::move(h));
     }
     return addr;
 }
@@ -286,13 +297,14 @@ int VirtualBoard::munmap(void* addr, size_t length) {
     std::shared_ptr<FileHandle> h;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_mappings.find(addr);
+        auto it = findMapping(addr);
         if (it == m_mappings.end()) {
             errno = EINVAL;
             return -1;
         }
-        h = it->second;
-        m_mappings.erase(it);
+        h = std::move(it->second);
+        if (it + 1 != m_mappings.end()) *it = std::move(m_mappings.back());
+        m_mappings.pop_back();
     }
     return h->munmap(addr, length);
 }

@@ -120,7 +120,11 @@ private:
     std::map<std::string, std::shared_ptr<DeviceModel>> m_devices;
     std::map<int, std::shared_ptr<FileHandle>> m_files;
     std::map<int, std::shared_ptr<DeviceModel>> m_fileModels;
-    std::map<void*, std::shared_ptr<FileHandle>> m_mappings;  // live mmaps and their handle
+    // Live mmaps and their handle. A short list searched from its newest entry: tests that
+    // walk memory map and unmap one page at a time, and a tree node per page cost more
+    // than the page's own accesses.
+    std::vector<std::pair<void*, std::shared_ptr<FileHandle>>> m_mappings;
+    std::vector<std::pair<void*, std::shared_ptr<FileHandle>>>::iterator findMapping(void* addr);
     int m_nextFd = 1000;  // far from the host's descriptors, so a mix-up shows
     std::map<uint16_t, std::shared_ptr<PortModel>> m_ports;
     std::map<uint16_t, uint32_t> m_stuckPorts;

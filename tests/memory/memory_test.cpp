@@ -227,6 +227,39 @@ TEST_F(MemoryTestsOnRam, AStuckBitIsFoundAtItsAddress) {
               "MemoryDAPI::patternTest -> MemoryDAPI::verifyMemoryBlock: \"test pattern compare fail - failed address is " + UINT64ToHexStr(bad & ~3ULL) + "\"");
 }
 
+// The block loops read four elements at a time: whichever element of a group (or of the
+// tail of a page) holds the fault, the first failing element in walking order is named.
+TEST_F(MemoryTestsOnRam, EachElementOfAGroupIsNamedInWalkingOrder) {
+    const unsigned long long page = start + 0x5000;
+    for (int width : {8, 16, 32, 64}) {
+        const unsigned long long e = static_cast<unsigned long long>(width) / 8;
+        for (unsigned long long index : {0ULL, 1ULL, 2ULL, 3ULL, 5ULL, 4096 / e - 1, 4096 / e - 2}) {
+            const unsigned long long bad = page + index * e;
+            controller.memory()->clearFaults();
+            controller.memory()->addStuckBit(bad + e - 1, 7, 0);
+            MemoryDAPI fresh("MemoryDAPI");  // its window is opened after the fault
+            const std::string where = " - failed address is " + UINT64ToHexStr(bad) + "\"";
+            EXPECT_EQ(render(fresh.patternTest(page, page + 0x1000, width, ~0ULL)),
+                      "MemoryDAPI::patternTest -> MemoryDAPI::verifyMemoryBlock: \"test pattern compare fail" + where)
+                << width << " " << index;
+            EXPECT_EQ(render(fresh.verifyMemoryBlock(page + 0x1000, page, static_cast<unsigned char>(0xFF))),
+                      "MemoryDAPI::verifyMemoryBlock: \"test pattern compare fail - failed address is " +
+                          UINT64ToHexStr(bad + e - 1) + "\"")
+                << width << " " << index << " descending";
+        }
+    }
+    // Two faults in one group: ascending names the lower, descending the higher.
+    controller.memory()->clearFaults();
+    controller.memory()->addStuckBit(page + 0x11, 0, 0);
+    controller.memory()->addStuckBit(page + 0x12, 0, 0);
+    MemoryDAPI fresh("MemoryDAPI");
+    EXPECT_EQ(render(fresh.verifyMemoryBlock(page, page + 0x20, static_cast<unsigned char>(1))),
+              "MemoryDAPI::verifyMemoryBlock: \"test pattern compare fail - failed address is " + UINT64ToHexStr(page + 0x11) + "\"");
+    EXPECT_EQ(render(fresh.verifyMemoryBlock(page + 0x20, page, static_cast<unsigned char>(1))),
+              "MemoryDAPI::verifyMemoryBlock: \"test pattern compare fail - failed address is " + UINT64ToHexStr(page + 0x12) + "\"");
+    controller.memory()->clearFaults();
+}
+
 TEST_F(MemoryTestsOnRam, ACouplingFaultIsFoundByMarchC) {
     // Writing the aggressor word sets bit 0 of a cell further down: a plain pattern
     // test writes the same value everywhere and cannot see it.
