@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,12 +46,21 @@ unsigned long threadKey() { return static_cast<unsigned long>(pthread_self()); }
 VirtualBoard::VirtualBoard(const std::string& root) {
     if (root.empty()) {
         const char* tmp = getenv("TMPDIR");
-        std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/quarn-board-XXXXXX";
+        const std::string dir = tmp && *tmp ? tmp : "/tmp";
+        removeAbandonedRoots(dir);
+        std::string templ = dir + "/quarn-board-XXXXXX";
         std::vector<char> buf(templ.begin(), templ.end());
         buf.push_back('\0');
         if (!mkdtemp(buf.data())) throw std::runtime_error("cannot create the board's root");
         m_root = buf.data();
         m_ownsRoot = true;
+        // The owner file appears under its name only once it is locked, so a cleaner that
+        // finds it unlocked knows its process is gone.
+        const std::string fresh = m_root + "/.owner.new";
+        m_ownerFd = ::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (m_ownerFd < 0 || ::flock(m_ownerFd, LOCK_EX) != 0 ||
+            ::rename(fresh.c_str(), (m_root + "/.owner").c_str()) != 0)
+            throw std::runtime_error("cannot lock the board's root");
     } else {
         m_root = root;
         std::filesystem::create_directories(m_root);
@@ -70,6 +80,31 @@ VirtualBoard::~VirtualBoard() {
     if (m_ownsRoot) {
         std::error_code ec;
         std::filesystem::remove_all(m_root, ec);
+    }
+    if (m_ownerFd >= 0) ::close(m_ownerFd);
+}
+
+void VirtualBoard::removeAbandonedRoots(const std::string& dir) {
+    DIR* d = ::opendir(dir.c_str());
+    if (!d) return;
+    std::vector<std::string> candidates;
+    while (struct dirent* e = ::readdir(d))
+        if (strncmp(e->d_name, "quarn-board-", 12) == 0) candidates.push_back(dir + "/" + e->d_name);
+    ::closedir(d);
+    for (const std::string& path : candidates) {
+        struct stat st;
+        // Only real directories of this user; a link planted under the name is left alone.
+        if (::lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::geteuid()) continue;
+        std::error_code ec;
+        const int fd = ::open((path + "/.owner").c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) {
+            // No owner file: a root being made this instant, or one from a build that did
+            // not lock its roots. Only the second kind is ever ten minutes old.
+            if (errno == ENOENT && ::time(nullptr) - st.st_mtime > 600) std::filesystem::remove_all(path, ec);
+            continue;
+        }
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) std::filesystem::remove_all(path, ec);
+        ::close(fd);
     }
 }
 
@@ -622,5 +657,7 @@ int VirtualBoard::kernelRelease(std::string* release) {
     *release = m_kernelRelease;
     return 0;
 }
+
+int VirtualBoard::workClock(struct timespec* now) { return ::clock_gettime(CLOCK_REALTIME, now); }
 
 }  // namespace quarn::vboard

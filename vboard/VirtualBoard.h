@@ -26,6 +26,9 @@ public:
     ~VirtualBoard() override;
 
     const std::string& root() const { return m_root; }
+    // Removes the private roots under dir (quarn-board-*) that no living process owns:
+    // those of a killed process. Boards made without a root of their own call it first.
+    static void removeAbandonedRoots(const std::string& dir);
     // Where a path of the board lives on the host.
     std::string hostPath(const std::string& path) const;
     VirtualClock& clock() { return m_clock; }
@@ -95,6 +98,7 @@ public:
     void sleepMicroseconds(uint64_t microseconds) override;
     uint64_t monotonicNanoseconds() override;
     int wallClock(struct timespec* now) override;
+    int workClock(struct timespec* now) override;
     int kernelRelease(std::string* release) override;
     long pageSize() override { return 4096; }
 
@@ -112,6 +116,7 @@ private:
 
     std::string m_root;
     bool m_ownsRoot = false;
+    int m_ownerFd = -1;  // the root's ".owner", locked for as long as this process lives
     VirtualClock m_clock;
     // What one reading of the clock costs in virtual time (see monotonicNanoseconds).
     static constexpr uint64_t kClockReadNs = 1000;

@@ -142,7 +142,7 @@ void StabilityTestObject::afterStep(int) {}
 
 uint64_t StabilityTestObject::pitimer() {
     struct timespec now;
-    if (quarn::platform().wallClock(&now) != 0) return 0;
+    if (quarn::platform().workClock(&now) != 0) return 0;
     return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec / 1000000);
 }
 

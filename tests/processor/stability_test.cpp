@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <regex>
 #include <string>
 
 #include "api/ErrorText.h"
@@ -118,6 +119,48 @@ TEST_F(StabilityTest, OneInstanceReadsNotApplicableEveryStep) {
     EXPECT_NE(table.find(" FAILED!!!\n"), std::string::npos);
 }
 
+// The digits are computed for real on the simulated board too, so the table times them
+// with the work clock (here one that moves 1.25 s per reading), never with the board's
+// virtual clock, which stands still while nothing waits.
+TEST(StabilityTiming, RowsAndTotalShowTheWorkClock) {
+    class TimedBoard : public Board {
+    public:
+        int workClock(struct timespec* now) override {
+            m_ms += 1250;
+            now->tv_sec = static_cast<time_t>(1700000000 + m_ms / 1000);
+            now->tv_nsec = static_cast<long>(m_ms % 1000) * 1000000L;
+            return 0;
+        }
+        uint64_t m_ms = 0;
+    } board;
+    quarn::installPlatform(&board);
+    StabilityTestObject t("stability");
+    ASSERT_TRUE(t.setInstanceCount(1));
+    int passed = -1;
+    testing::internal::CaptureStdout();
+    ErrorMsg* e = t.PiCalculate(&passed, 1, 5);
+    const std::string table = testing::internal::GetCapturedStdout();
+    quarn::installPlatform(nullptr);
+    ASSERT_EQ(e, nullptr);
+    // Start, then one reading per row: row 0 is 1.25 s after the start, row 5 7.5 s.
+    EXPECT_NE(table.find(" N/A   0h  0m  1.250s\n"), std::string::npos) << table;
+    EXPECT_NE(table.find(" N/A   0h  0m  7.500s\n"), std::string::npos) << table;
+    EXPECT_NE(table.find("Time:  0h  0m  8.750s\n"), std::string::npos) << table;
+    // And on the plain simulated board the total is real elapsed time, not the frozen clock.
+    Board plain;
+    quarn::installPlatform(&plain);
+    struct timespec a, b, v;
+    plain.wallClock(&v);
+    plain.workClock(&a);
+    quarn::platform().sleepMicroseconds(5000000);  // virtual: no real wait
+    plain.workClock(&b);
+    struct timespec v2;
+    plain.wallClock(&v2);
+    quarn::installPlatform(nullptr);
+    EXPECT_GE(v2.tv_sec - v.tv_sec, 5);
+    EXPECT_LT(b.tv_sec - a.tv_sec, 5);
+}
+
 TEST_F(StabilityTest, DisabledComparisonReadsNotApplicable) {
     PerturbedStability t(1);
     ASSERT_TRUE(t.setInstanceCount(2));
@@ -142,7 +185,9 @@ TEST_F(StabilityTest, PerturbedInstanceIsBadAndEndsTheRun) {
     EXPECT_EQ(passed, 7);  // left as the caller set it
     EXPECT_EQ(t.mismatchCount(), 1);
     EXPECT_EQ(t.checksumFailureCount(), 0);
-    EXPECT_STREQ(t.firstFailureText(), " 0h  0m  0.000s");  // virtual time stands still
+    // Real elapsed time since the start, in the "%2dh %2dm %6.3fs" form.
+    EXPECT_TRUE(std::regex_match(t.firstFailureText(), std::regex(" 0h  0m +[0-9]+\\.[0-9]{3}s")))
+        << t.firstFailureText();
 
     // Counters grow over runs of the same object; a clean run adds nothing.
     ASSERT_EQ(run(t, &passed, 4, &table), nullptr);

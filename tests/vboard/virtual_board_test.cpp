@@ -6,8 +6,12 @@
 #include <fcntl.h>
 #include <linux/rtc.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "api/platform/Files.h"
 #include "vboard/Board.h"
@@ -263,6 +267,65 @@ TEST(VirtualBoard, FaultsApplyPerDeviceAndPerRequest) {
     rtc->faults().openErrno = EACCES;
     EXPECT_EQ(board.open("/dev/rtc0", O_RDONLY), -1);
     EXPECT_EQ(errno, EACCES);
+}
+
+}  // namespace
+
+namespace {
+
+bool present(const std::string& p) {
+    struct stat st;
+    return ::lstat(p.c_str(), &st) == 0;
+}
+
+// A killed tool leaves its private root behind; the next board removes it, and never a
+// root that a living board holds, a root being made, or anything a link points to.
+TEST(BoardRoots, RootsOfDeadProcessesAreRemovedByTheNextBoard) {
+    char tmpl[] = "/tmp/quarn-roots-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl;
+    const char* saved = getenv("TMPDIR");
+    const std::string savedValue = saved ? saved : "";
+    setenv("TMPDIR", dir.c_str(), 1);
+
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        auto* killed = new quarn::vboard::VirtualBoard();  // never destroyed: the process dies
+        const std::string& root = killed->root();
+        if (::write(fds[1], root.data(), root.size()) != static_cast<ssize_t>(root.size())) _exit(2);
+        _exit(0);
+    }
+    ::close(fds[1]);
+    char buf[256] = {0};
+    ASSERT_GT(::read(fds[0], buf, sizeof(buf) - 1), 0);
+    ::close(fds[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    const std::string killedRoot = buf;
+    ASSERT_TRUE(present(killedRoot + "/.owner"));
+
+    {
+        quarn::vboard::VirtualBoard live;
+        ASSERT_EQ(::mkdir((dir + "/quarn-board-fresh").c_str(), 0700), 0);  // being made now
+        ASSERT_EQ(::mkdir((dir + "/quarn-board-old").c_str(), 0700), 0);    // unlocked, an hour old
+        struct timespec old[2] = {{::time(nullptr) - 3600, 0}, {::time(nullptr) - 3600, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (dir + "/quarn-board-old").c_str(), old, 0), 0);
+        ASSERT_EQ(::mkdir((dir + "/target").c_str(), 0700), 0);
+        ASSERT_EQ(symlink((dir + "/target").c_str(), (dir + "/quarn-board-link").c_str()), 0);
+
+        quarn::vboard::VirtualBoard next;
+        EXPECT_FALSE(present(killedRoot));
+        EXPECT_TRUE(present(live.root() + "/.owner"));
+        EXPECT_TRUE(present(dir + "/quarn-board-fresh"));
+        EXPECT_FALSE(present(dir + "/quarn-board-old"));
+        EXPECT_TRUE(present(dir + "/quarn-board-link"));
+        EXPECT_TRUE(present(dir + "/target"));
+    }
+    if (saved) setenv("TMPDIR", savedValue.c_str(), 1); else unsetenv("TMPDIR");
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
 }
 
 }  // namespace
