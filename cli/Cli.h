@@ -10,7 +10,8 @@
 
 namespace quarn::cli {
 
-enum class Format { Text, Json };
+// Ocp: JSON lines of the OCP Test and Validation output (board check only).
+enum class Format { Text, Json, Ocp };
 
 // What a command hands back: its data, the text rendering of that data, and the
 // rendered error chain when it failed.
@@ -35,6 +36,7 @@ struct Command {
     std::string usage;    // arguments, for help
     std::string summary;
     Handler run;
+    bool ocp = false;  // speaks --output-format=ocp
 };
 
 // Each kind's file adds its commands here.

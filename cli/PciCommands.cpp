@@ -172,9 +172,24 @@ int switchErrors(Context& ctx, const std::vector<std::string>& args) {
     StdoutCapture cap;
     ErrorMsg* e = args.size() == 2 && args[1] == "clear" ? pci.clearPCIeSwitchPortErrors(args[0])
                                                          : pci.showSwitchErrorStatistics(args[0], static_cast<_PCI_ERROR_TYPE>(9));
+    // The table's data: each port with the error counters that are set or clear.
+    std::vector<_PORT_ERROR> table;
+    ErrorMsg* te = e || args.size() == 2 ? nullptr : pci.getSwitchErrorStatistics(args[0], &table);
     ctx.text = cap.finish();
     if (e) return ctx.fail(e);
+    if (te) return ctx.fail(te);
     ctx.result.set("switch", args[0]);
+    if (args.size() == 1) {
+        Value ports = Value::array();
+        for (const _PORT_ERROR& p : table) {
+            Value errors = Value::object();
+            for (const _PCI_ERROR& err : p.errors) errors.set(err.name, static_cast<long long>(err.value));
+            ports.push(Value::object()
+                           .set("port", bdf(p.port.domain, p.port.bus, p.port.device, p.port.function))
+                           .set("errors", errors));
+        }
+        ctx.result.set("ports", ports);
+    }
     return 0;
 }
 

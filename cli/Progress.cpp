@@ -25,6 +25,17 @@ void draw(unsigned long long percent) {
 }
 }  // namespace
 
+bool progressShown(const Context& ctx) {
+    // The terminal is always the host's, whichever board the library talks to.
+    struct termios t;
+    return ctx.format == Format::Text && quarn::linuxPlatform().ioctl(2, TCGETS, &t) == 0;
+}
+
+void drawProgress(unsigned long long percent, bool last) {
+    draw(percent);
+    if (last) fputc('\n', stderr);
+}
+
 ErrorMsg* runWithProgress(Context& ctx, BaseClassDAPI& object, const std::function<ErrorMsg*()>& test) {
     // The terminal is always the host's, whichever board the library talks to.
     struct termios t;

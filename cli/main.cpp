@@ -13,57 +13,15 @@
 
 namespace quarn::cli {
 
-int Context::fail(ErrorMsg* chain) {
-    std::string text;
-    getErrorMessage(chain, &text);
-    error = text.empty() ? "unknown failure" : text;
-    return 1;
-}
-
-int Context::usage(const std::string& message) {
-    error = message;
-    usageError = true;
-    return 2;
-}
-
-std::vector<Command>& commands() {
-    static std::vector<Command> list;
-    return list;
-}
-
-Register::Register(std::initializer_list<Command> list) {
-    for (const Command& c : list) commands().push_back(c);
-}
-
-StdoutCapture::StdoutCapture() : m_saved(stdout) {
-    fflush(stdout);
-    m_stream = open_memstream(&m_buffer, &m_size);
-    if (m_stream) stdout = m_stream;
-}
-
-StdoutCapture::~StdoutCapture() { finish(); }
-
-std::string StdoutCapture::finish() {
-    if (!m_stream) return std::string();
-    fflush(m_stream);
-    stdout = m_saved;
-    fclose(m_stream);
-    m_stream = nullptr;
-    std::string text(m_buffer ? m_buffer : "", m_size);
-    free(m_buffer);
-    m_buffer = nullptr;
-    return text;
-}
-
 namespace {
 
 void printHelp(const std::string& kind) {
     if (kind.empty()) {
-        printf("usage: quarn [--board host|virtual] [--output-format=text|json] KIND COMMAND [ARGS]\n\n");
+        printf("usage: quarn [--board host|virtual] [--output-format=text|json|ocp] KIND COMMAND [ARGS]\n\n");
         printf("Hardware diagnostics of the storage-controller board.\n\n");
         printf("  --board host      the machine this runs on (default; most commands need root)\n");
         printf("  --board virtual   a simulated board, no root and no hardware needed\n");
-        printf("  --output-format   text (default) or json\n\nKinds:\n");
+        printf("  --output-format   text (default), json, or ocp (board check: OCP Test and Validation lines)\n\nKinds:\n");
         std::set<std::string> seen;
         for (const Command& c : commands()) {
             if (!seen.insert(c.kind).second) continue;
@@ -93,11 +51,11 @@ void printHelp(const std::string& kind) {
 }
 
 bool parseFormat(const std::string& text, Format* format) {
-    if (text == "json" || text == "text") {
-        *format = text == "json" ? Format::Json : Format::Text;
+    if (text == "json" || text == "text" || text == "ocp") {
+        *format = text == "json" ? Format::Json : text == "ocp" ? Format::Ocp : Format::Text;
         return true;
     }
-    fprintf(stderr, "quarn: unknown output format '%s' (text or json)\n", text.c_str());
+    fprintf(stderr, "quarn: unknown output format '%s' (text, json, or ocp for board check)\n", text.c_str());
     return false;
 }
 
@@ -175,6 +133,11 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    if (format == Format::Ocp && !command->ocp) {
+        fprintf(stderr, "quarn: --output-format=ocp is for 'quarn board check'\n");
+        return 2;
+    }
+
     std::unique_ptr<quarn::vboard::Board> virtualBoard;
     if (board == "virtual") {
         try {
@@ -200,6 +163,9 @@ int main(int argc, char** argv) {
         if (!ctx.error.empty()) out.set("error", ctx.error);
         out.set("result", ctx.result);
         printf("%s\n", out.toJson().c_str());
+    } else if (format == Format::Ocp) {
+        fputs(ctx.text.c_str(), stdout);  // the JSON lines; a failure is in them as well
+        if (!ctx.error.empty() && ctx.usageError) fprintf(stderr, "quarn: %s\n", ctx.error.c_str());
     } else {
         fputs(ctx.text.c_str(), stdout);
         if (!ctx.error.empty()) {
