@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "cli/Cli.h"
+#include "cli/Progress.h"
 #include "dapi/uart/UARTDAPI.h"
 
 namespace quarn::cli {
@@ -61,8 +62,10 @@ int loopback(Context& ctx, const std::vector<std::string>& args) {
         return ctx.usage("usage: quarn uart loopback-test PORT [LENGTH [PATTERN]]");
     UARTDAPI uart("UARTDAPI");
     StdoutCapture capture;
-    ErrorMsg* e = uart.doInternalLoopbackTest(args[0].c_str(), false, static_cast<unsigned int>(length),
-                                              pattern >= 0, static_cast<uint8_t>(pattern >= 0 ? pattern : 0));
+    ErrorMsg* e = runWithProgress(ctx, uart, [&] {
+        return uart.doInternalLoopbackTest(args[0].c_str(), false, static_cast<unsigned int>(length), pattern >= 0,
+                                           static_cast<uint8_t>(pattern >= 0 ? pattern : 0));
+    });
     capture.finish();
     ctx.result.set("test", "internal loopback").set("port", args[0]).set("length", static_cast<int>(length));
     ctx.result.set("pattern", pattern >= 0 ? Value(static_cast<int>(pattern)) : Value("counting"));

@@ -15,6 +15,7 @@ constexpr ERRORCODE kCreateFail = 0x23A;
 UARTDAPI::UARTDAPI(const char* name) : BaseClassDAPI(name), m_device(nullptr), m_lastError(nullptr) {
     m_device = new (std::nothrow) UARTDDAPI("UARTDDAPI");
     if (!m_device) addErrorMsg(0xCC040000 | kCreateFail, "UARTDDAPI");
+    else m_device->setProgressOwner(this);
 }
 
 UARTDAPI::~UARTDAPI() {
@@ -51,6 +52,7 @@ ErrorMsg* UARTDAPI::doInternalLoopbackTest(const char* name, bool external, unsi
                                            bool fixed, uint8_t pattern) {
     if (!m_device) return returnErrorMsg(kLoopbackTest | kCreateFail, "UARTDDAPI", nullptr);
     if (!external) {
+        initProgress(length);
         if (m_lastError) deleteErrorMsg(m_lastError);
         m_lastError = m_device->doInternalLoopbackTest(name, length, fixed, pattern);
     }

@@ -315,6 +315,7 @@ ErrorMsg* UARTDDAPI::doInternalLoopbackTest(const char* name, unsigned int lengt
             result = returnErrorMsg(kLoopbackTest, nullptr, e);
             break;
         }
+        if (m_progressOwner) m_progressOwner->updateProgress(1);
     }
     for (unsigned int i = 0; !result && i < length; ++i) {
         if (m_sent[i] != m_received[i]) {

@@ -42,6 +42,9 @@ public:
     // The last byte patterns of a loopback test are gone once it returns; these report
     // how far the last test got (bytes compared equal before a failure).
     unsigned int loopbackBytesDone() const { return m_bytesDone; }
+    // Each looped byte is counted on this object's progress (the diagnostic object that
+    // owns this one), so a front end can show how far a long test is.
+    void setProgressOwner(BaseClassDAPI* owner) { m_progressOwner = owner; }
 
 private:
     // Finds the port and checks that it sits at a legacy base; function is the test's row.
@@ -59,5 +62,6 @@ private:
     uint8_t m_savedModemControl;
     uint8_t m_savedInterruptEnable;
     unsigned int m_bytesDone;
+    BaseClassDAPI* m_progressOwner = nullptr;
     std::set<uint16_t> m_granted;   // ports opened with ioperm, closed by the destructor
 };

@@ -163,6 +163,7 @@ TEST_F(UartTest, LoopbackSendsTheCountingPatternThroughTheLoop) {
     for (size_t i = 0; i < 300; ++i) EXPECT_EQ(looped[i], i % 256) << i;
     EXPECT_TRUE(board.serial.uart[1]->transmitted().empty()) << "nothing may leave on the line";
     EXPECT_EQ(uart.device()->loopbackBytesDone(), 300u);
+    EXPECT_EQ(uart.getProgress(), 100u);
 }
 
 TEST_F(UartTest, LoopbackFixedPatternAndEmptyRun) {
@@ -203,6 +204,7 @@ TEST_F(UartTest, OpenLoopTimesOutWaitingForDataReady) {
               "UARTDAPI::doInternalLoopbackTest -> UARTDDAPI::doInternalLoopbackTest: "
               "\"Time out - line status bit 0x01 not set after 3500 polls\"");
     EXPECT_EQ(printed, "check DR bit fail !!!!!!!!!!!!!!!!!!!!!!\n");
+    EXPECT_EQ(uart.getProgress(), 0u) << "no byte came back";
     EXPECT_EQ(board.serial.uart[2]->reg(4), 0) << "loop bit left on";
 }
 
