@@ -1023,11 +1023,11 @@ void listAbsent() {
     if (!exists("/dev/mcelog")) printf("INFO absent: /dev/mcelog (machine-check log)\n");
     if (names("/sys/devices/system/edac/mc").empty()) printf("INFO absent: EDAC memory controller (ECC counters, injection)\n");
     printf("INFO absent: Broadwell-DE package temperature MSRs, PEX switch registers, NTB, board VPD/PMBus parts\n");
-    printf("INFO tpm: %s\n", names("/sys/class/tpm").empty() ? "no TPM" : "tpm0 present (no quarn class uses it)");
+    printf("INFO tpm: %s\n", names("/sys/class/tpm").empty() ? "no TPM" : "tpm0 present (checked in the tpm group)");
     const std::string serial = readText("/proc/tty/driver/serial");
     size_t uarts = 0;
     for (size_t at = 0; (at = serial.find("uart:16550A", at)) != std::string::npos; ++at) ++uarts;
-    printf("INFO uarts: %zu 16550A ports (no quarn class in this build drives them)\n", uarts);
+    printf("INFO uarts: %zu 16550A ports (checked in the uart group)\n", uarts);
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ started=$(date +%s)
 skip() { echo "SKIP itest: $*"; echo "0 passed, 0 failed, 1 skipped"; exit 0; }
 
 # Packages, by Debian name, only those missing.
-need=(qemu-system-x86 busybox-static swtpm swtpm-tools cpio kmod)
+need=(qemu-system-x86 busybox-static swtpm swtpm-tools tpm2-tools cpio kmod)
 missing=()
 for p in "${need[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -94,6 +94,22 @@ tpmargs=()
 tpmdir=$(mktemp -d)
 swtpm_pid=
 if command -v swtpm >/dev/null; then
+  # tpm2_getcap reads the fixed properties from the same TPM state first (a swtpm of its
+  # own on that directory); the guest compares them with what quarn reads through tpm_tis.
+  # They travel as a second archive appended to the initramfs.
+  if command -v tpm2_getcap >/dev/null; then
+    swtpm socket --tpm2 --tpmstate dir="$tpmdir" --server type=unixio,path="$tpmdir/getcap" \
+      --ctrl type=unixio,path="$tpmdir/getcap.ctrl" --flags not-need-init,startup-clear >/dev/null 2>&1 &
+    getcap_pid=$!
+    for _ in $(seq 50); do [ -S "$tpmdir/getcap.ctrl" ] && break; sleep 0.1; done
+    caps=$cache/tpmcaps && rm -rf "$caps" && mkdir -p "$caps/etc/quarn"
+    timeout 30 tpm2_getcap -T "swtpm:path=$tpmdir/getcap" properties-fixed \
+      >"$caps/etc/quarn/tpm2_getcap_fixed.yaml" 2>"$cache/tpm2_getcap.log" || true
+    kill "$getcap_pid" 2>/dev/null || true
+    wait "$getcap_pid" 2>/dev/null || true
+    rm -f "$tpmdir/getcap" "$tpmdir/getcap.ctrl"
+    (cd "$caps" && find . | cpio -o -H newc --quiet | gzip -1) >>"$cache/initramfs.gz"
+  fi
   swtpm socket --tpm2 --tpmstate dir="$tpmdir" --ctrl type=unixio,path="$tpmdir/sock" \
     --flags not-need-init,startup-clear >/dev/null 2>&1 &
   swtpm_pid=$!

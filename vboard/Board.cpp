@@ -72,6 +72,11 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     second.rpm = 7200;
     sataDisk2 = installSataDisk(*this, *ahci, 2, 2, "sdc", second);
 
+    serial = installSerialPorts(*this);
+    tpm = std::make_shared<TpmModel>();
+    addDevice("/dev/tpm0", tpm);
+    writeFile("/sys/class/tpm/tpm0/tpm_version_major", "2\n");
+
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }
 

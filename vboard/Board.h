@@ -16,6 +16,8 @@
 #include "vboard/models/sata/AhciControllerModel.h"
 #include "vboard/models/sata/SataDiskModel.h"
 #include "vboard/models/memory/SmbiosModel.h"
+#include "vboard/models/tpm/TpmModel.h"
+#include "vboard/models/uart/Uart16550Model.h"
 
 namespace quarn::vboard {
 
@@ -36,6 +38,8 @@ public:
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
     std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
+    SerialPorts serial;  // 16550A at 0x3F8/0x2F8/0x3E8/0x2E8 (/dev/ttyS0-3), ttyS4 without UART
+    std::shared_ptr<TpmModel> tpm;  // TPM 2.0 (libtpms) behind /dev/tpm0
 };
 
 }  // namespace quarn::vboard
