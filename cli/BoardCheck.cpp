@@ -228,6 +228,28 @@ void i2cChecks(bool virtualBoard, std::vector<CheckResult>* out) {
         }
 }
 
+// A check per part named by a list command: list, then run cmd on each part's name.
+void perPart(bool virtualBoard, std::vector<CheckResult>* out, const std::string& kind, const std::string& name,
+             const std::string& listKind, const std::string& listCmd, const std::string& arrayKey,
+             const std::string& nameKey, const std::string& cmdKind, const std::string& cmd,
+             const std::vector<std::string>& extra = {}) {
+    CommandRun list = runCommand(listKind, listCmd, {}, virtualBoard);
+    if (!list.known) return;
+    if (list.status != 0) {
+        CheckResult r = result(kind, name);
+        r.fail(list.error);
+        out->push_back(r);
+        return;
+    }
+    for (const auto& item : items(list.result, arrayKey)) {
+        const std::string part = str(item.second, nameKey);
+        if (part.empty()) continue;
+        std::vector<std::string> args = {part};
+        args.insert(args.end(), extra.begin(), extra.end());
+        command(out, kind, name, part, cmdKind, cmd, args, virtualBoard);
+    }
+}
+
 }  // namespace
 
 std::vector<BoardCheck> boardChecks(bool quick) {
@@ -303,6 +325,16 @@ std::vector<BoardCheck> boardChecks(bool quick) {
          }},
         {"i2c", "i2c.profile", "the I2C profile parses and every switch routes", true, i2cChecks},
         {"sata", "sata.smart", "SATA port errors, SMART health and drive temperatures", true, sataChecks},
+        {"uart", "uart.scratch-test", "every serial port's scratch register (restored)", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             perPart(v, out, "uart", "uart.scratch-test", "uart", "list", "ports", "name", "uart", "scratch-test");
+         }},
+        {"uart", "uart.loopback-test", "every serial port's internal loopback (registers restored)", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             perPart(v, out, "uart", "uart.loopback-test", "uart", "list", "ports", "name", "uart", "loopback-test");
+         }},
+        {"tpm", "tpm.selftest", "the TPM's full self-test", true,
+         [](bool v, std::vector<CheckResult>* out) { command(out, "tpm", "tpm.selftest", "tpm0", "tpm", "selftest", {}, v); }},
     };
     if (!quick) return all;
     std::vector<BoardCheck> q;

@@ -21,7 +21,10 @@ void printHelp(const std::string& kind) {
         printf("Hardware diagnostics of the storage-controller board.\n\n");
         printf("  --board host      the machine this runs on (default; most commands need root)\n");
         printf("  --board virtual   a simulated board, no root and no hardware needed\n");
-        printf("  --output-format   text (default), json, or ocp (board check: OCP Test and Validation lines)\n\nKinds:\n");
+        printf("  --output-format   text (default), json, or ocp (board check: OCP Test and Validation lines)\n");
+        printf("  --fault NAME      with --board virtual: break one part of the simulated board\n");
+        for (const auto& f : quarn::vboard::Board::faultList()) printf("                      %-18s %s\n", f.first.c_str(), f.second.c_str());
+        printf("\nKinds:\n");
         std::set<std::string> seen;
         for (const Command& c : commands()) {
             if (!seen.insert(c.kind).second) continue;
@@ -66,10 +69,14 @@ int main(int argc, char** argv) {
     using namespace quarn::cli;
     std::string board = "host";
     Format format = Format::Text;
-    std::vector<std::string> args;
+    std::vector<std::string> args, faults;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
-        if (a == "--board" && i + 1 < argc) {
+        if (a == "--fault" && i + 1 < argc) {
+            faults.push_back(argv[++i]);
+        } else if (a.rfind("--fault=", 0) == 0) {
+            faults.push_back(a.substr(8));
+        } else if (a == "--board" && i + 1 < argc) {
             board = argv[++i];
         } else if (a.rfind("--board=", 0) == 0) {
             board = a.substr(8);
@@ -146,7 +153,18 @@ int main(int argc, char** argv) {
             fprintf(stderr, "quarn: cannot start the virtual board: %s\n", e.what());
             return 1;
         }
+        for (const std::string& f : faults) {
+            if (!virtualBoard->injectFault(f)) {
+                fprintf(stderr, "quarn: unknown fault '%s'; the virtual board has:\n", f.c_str());
+                for (const auto& known : quarn::vboard::Board::faultList())
+                    fprintf(stderr, "  %-18s %s\n", known.first.c_str(), known.second.c_str());
+                return 2;
+            }
+        }
         quarn::installPlatform(virtualBoard.get());
+    } else if (!faults.empty()) {
+        fprintf(stderr, "quarn: --fault is for --board virtual\n");
+        return 2;
     }
 
     Context ctx;

@@ -1,6 +1,11 @@
 // The simulated board with its device population.
 #include "vboard/Board.h"
 
+#include <asm/mce.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "ddapi/processor/ProcessorDDAPI.h"
 
 namespace quarn::vboard {
@@ -81,5 +86,46 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
 }
 
 Board::~Board() { quarn::registerLibpciSysfsPath(this, ""); }
+
+const std::vector<std::pair<std::string, std::string>>& Board::faultList() {
+    static const std::vector<std::pair<std::string, std::string>> list = {
+        {"rtc-busy", "the clock's node refuses to open (EBUSY)"},
+        {"memory-stuck-bit", "bit 5 of the byte at 0x200001238 (testable memory) stuck at 0"},
+        {"ecc-errors", "three corrected ECC errors on the DIMM in channel 1, slot 0"},
+        {"pci-parity", "switch port 0000:02:02.0 reports a detected parity error"},
+        {"machine-check", "an uncorrected machine check logged in bank 4"},
+        {"sata-link", "SATA port 2 records a link error in SError"},
+        {"sata-hot", "the drive on SATA port 0 runs at 71 C"},
+        {"uart3-loop", "the fourth serial port's loop path holds data bit 3 high"},
+    };
+    return list;
+}
+
+bool Board::injectFault(const std::string& name) {
+    if (name == "rtc-busy") {
+        rtc->faults().openErrno = EBUSY;
+    } else if (name == "memory-stuck-bit") {
+        memory->memory()->addStuckBit(0x200001238ULL, 5, 0);
+    } else if (name == "ecc-errors") {
+        memory->addCorrected(1, 0, 3);
+    } else if (name == "pci-parity") {
+        pci->function("0000:02:02.0")->raise(0x06, 0x8000, 2);
+    } else if (name == "machine-check") {
+        struct mce m;
+        memset(&m, 0, sizeof m);
+        m.status = (1ULL << 63) | (1ULL << 61);  // valid, uncorrected
+        m.bank = 4;
+        mcelog->log(m);
+    } else if (name == "sata-link") {
+        ahci->raiseSError(2, 0x00000002);
+    } else if (name == "sata-hot") {
+        sataDisk0->setDriveTemperature(71);
+    } else if (name == "uart3-loop") {
+        serial.uart[3]->setLoopbackStuckHigh(0x08);
+    } else {
+        return false;
+    }
+    return true;
+}
 
 }  // namespace quarn::vboard

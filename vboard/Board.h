@@ -4,6 +4,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "vboard/VirtualBoard.h"
 #include "vboard/models/i2c/I2cBoard.h"
@@ -25,6 +27,11 @@ class Board : public VirtualBoard {
 public:
     explicit Board(const std::string& root = "");
     ~Board() override;
+
+    // The board's named faults (name, what breaks), as the tool's --fault option and the
+    // demonstrations switch them on; the board is healthy until one is injected.
+    static const std::vector<std::pair<std::string, std::string>>& faultList();
+    bool injectFault(const std::string& name);
 
     std::shared_ptr<RtcModel> rtc;
     std::shared_ptr<Pit8254Model> pit;

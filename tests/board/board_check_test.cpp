@@ -51,55 +51,39 @@ TEST_F(BoardCheckTest, TheShippedBoardPasses) {
         if (r.name == "sata.smart") ++smart;
         for (const quarn::cli::Measurement& m : r.measurements) EXPECT_TRUE(m.within()) << r.name << " " << m.name;
     }
-    EXPECT_EQ(kinds, (std::vector<std::string>{"rtc", "memory", "pci", "cpu", "i2c", "sata"}));
+    EXPECT_EQ(kinds, (std::vector<std::string>{"rtc", "memory", "pci", "cpu", "i2c", "sata", "uart", "tpm"}));
     EXPECT_EQ(smart, 2u);  // the two SATA drives
 }
 
+// Every named fault of the board fails the run at the checks of its own kind, and the
+// first failure names the part and the cause.
 TEST_F(BoardCheckTest, EachFaultFailsTheCheckOfItsPart) {
-    struct Case {
-        const char* what;
-        std::function<void()> inject;
-        std::function<void()> undo;
-        std::string expected;  // the start of the one failure line
-    };
-    const unsigned long long testable = 0x200000000ULL;
-    std::vector<Case> cases = {
-        {"clock node", [&] { board.rtc->faults().openErrno = EBUSY; }, [&] { board.rtc->faults().openErrno = 0; },
-         "rtc.clock rtc0: RTCDAPI::showDateTime -> RTCDDAPI::"},
-        {"stuck memory bit", [&] { board.memory->memory()->addStuckBit(testable + 0x1238, 5, 0); },
-         [&] { board.memory->memory()->clearFaults(); },
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"rtc-busy", "rtc.clock rtc0: RTCDAPI::showDateTime -> RTCDDAPI::showDateTime: \"RTC device open fail\""},
+        {"memory-stuck-bit",
          "memory.pattern-test 0x200000000-0x200400000: MemoryDAPI::patternTest -> MemoryDAPI::verifyMemoryBlock: "
          "\"test pattern compare fail - failed address is 0x0000000200001238\""},
-        {"corrected ECC errors", [&] { board.memory->addCorrected(1, 0, 3); }, [&] { board.memory->addCorrected(1, 0, -3); },
-         "memory.ecc "},
-        {"switch port error", [&] { board.pci->function("0000:02:02.0")->raise(0x06, 0x8000, 2); },
-         [&] { board.pci->function("0000:02:02.0")->write(0x06, 0x8000, 2); },  // write-1-to-clear
-         "pci.switch-errors SW0: 0000:02:02.0: DetectedParityError"},
-        {"machine check", [&] {
-             struct mce m;
-             memset(&m, 0, sizeof m);
-             m.status = (1ULL << 63) | (1ULL << 61);
-             m.bank = 4;
-             board.mcelog->log(m);
-         },
-         [] {}, "cpu.mce : machine checks logged: "},
-        {"SATA link error", [&] { board.ahci->raiseSError(2, 0x00000002); },
-         [&] { board.ahci->write(0x100 + 2 * 0x80 + 0x30, 0x00000002, 4); },  // PxSERR, write-1-to-clear
-         "sata.port-errors SATA0-Port2: SError 0x00000002"},
-        {"hot drive", [&] { board.sataDisk0->setDriveTemperature(71); }, [&] { board.sataDisk0->setDriveTemperature(34); },
-         "sata.smart SATA0-Port0: drive temperature 71"},
+        {"ecc-errors", "memory.ecc dimm2: dimm2: 3 corrected errors"},
+        {"pci-parity", "pci.switch-errors SW0: 0000:02:02.0: DetectedParityError"},
+        {"machine-check", "cpu.mce : machine checks logged: "},
+        {"sata-link", "sata.port-errors SATA0-Port2: SError 0x00000002"},
+        {"sata-hot", "sata.smart SATA0-Port0: drive temperature 71.0 C above 60 C"},
+        {"uart3-loop", "uart.loopback-test uart3: UARTDAPI::doInternalLoopbackTest -> UARTDDAPI::doInternalLoopbackTest: "
+                       "\"compare data fail\""},
     };
-    for (Case& c : cases) {
-        c.inject();
+    ASSERT_EQ(expected.size(), quarn::vboard::Board::faultList().size()) << "a fault without its case here";
+    for (const auto& c : expected) {
+        quarn::vboard::Board faulty;
+        ASSERT_TRUE(faulty.injectFault(c.first)) << c.first;
+        quarn::installPlatform(&faulty);
         std::vector<std::string> failed = failures(run());
-        // Only checks of the faulty kind fail (the clock's two checks both open it), and the
-        // first names the part and the cause.
-        ASSERT_FALSE(failed.empty()) << c.what;
-        const std::string kind = c.expected.substr(0, c.expected.find('.') + 1);
-        for (const std::string& f : failed) EXPECT_EQ(f.compare(0, kind.size(), kind), 0) << c.what << "\n" << joined(failed);
-        EXPECT_EQ(failed[0].compare(0, c.expected.size(), c.expected), 0) << c.what << ": " << failed[0];
-        c.undo();
+        quarn::installPlatform(&board);
+        ASSERT_FALSE(failed.empty()) << c.first;
+        const std::string kind = c.second.substr(0, c.second.find('.') + 1);
+        for (const std::string& f : failed) EXPECT_EQ(f.compare(0, kind.size(), kind), 0) << c.first << "\n" << joined(failed);
+        EXPECT_EQ(failed[0].compare(0, c.second.size(), c.second), 0) << c.first << ": " << failed[0];
     }
+    EXPECT_FALSE(board.injectFault("no-such-fault"));
 }
 
 // The OCP lines keep the artifact order and the verdicts of the run.

@@ -15,9 +15,9 @@ contains uart-list-json 0 '{"name":"uart1","path":"/dev/ttyS1","type":"16550A","
 check uart-scratch 0 'uart2: scratch pad test passed (0xAA 0x55 0xFF 0x00)' "$q" --board virtual uart scratch-test uart2
 check uart-loopback 0 'uart0: internal loopback test passed (300 bytes)' "$q" --board virtual uart loopback-test uart0 300
 check uart-loopback-broken 1 'UARTDAPI::doInternalLoopbackTest -> UARTDDAPI::doInternalLoopbackTest: "compare data fail"' \
-  "$q" --board virtual uart loopback-test uart3
+  "$q" --board virtual --fault uart3-loop uart loopback-test uart3
 check uart-loopback-json 1 '{"command":"uart loopback-test","board":"virtual","status":"fail","error":"UARTDAPI::doInternalLoopbackTest -> UARTDDAPI::doInternalLoopbackTest: \"compare data fail\"","result":{"test":"internal loopback","port":"uart3","length":8,"pattern":"counting","bytes_matched":0,"passed":false}}' \
-  "$q" --board virtual --output-format=json uart loopback-test uart3 8
+  "$q" --board virtual --fault uart3-loop --output-format=json uart loopback-test uart3 8
 check uart-absent 1 'UARTDAPI::testScratchPad -> UARTDDAPI::testScratchPad -> UARTDDAPI::searchUART: "No device is found - uart4"' \
   "$q" --board virtual uart scratch-test uart4
 check uart-usage 2 'quarn: usage: quarn uart loopback-test PORT [LENGTH [PATTERN]]' \

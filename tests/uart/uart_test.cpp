@@ -185,6 +185,7 @@ TEST_F(UartTest, LoopbackRestoresLineModemAndInterruptRegisters) {
     poke(3, 3, 0x07);
     poke(3, 4, 0x03);
     poke(3, 1, 0x01);
+    board.injectFault("uart3-loop");
     EXPECT_NE(loopback("uart3", 20), "");
     EXPECT_EQ(board.serial.uart[3]->reg(3), 0x07);
     EXPECT_EQ(board.serial.uart[3]->reg(4), 0x03);
@@ -192,6 +193,8 @@ TEST_F(UartTest, LoopbackRestoresLineModemAndInterruptRegisters) {
 }
 
 TEST_F(UartTest, BrokenLoopOnTheFourthPortFailsTheCompare) {
+    EXPECT_EQ(loopback("uart3", 64), "");
+    ASSERT_TRUE(board.injectFault("uart3-loop"));
     EXPECT_EQ(loopback("uart3", 64),
               "UARTDAPI::doInternalLoopbackTest -> UARTDDAPI::doInternalLoopbackTest: \"compare data fail\"");
     board.serial.uart[3]->setLoopbackStuckHigh(0);

@@ -272,8 +272,6 @@ SerialPorts installSerialPorts(VirtualBoard& board) {
     // Terminals without a device behind them are not serial ports.
     board.writeFile("/sys/class/tty/tty0/dev", "4:0\n");
     board.writeFile("/sys/class/tty/console/dev", "5:1\n");
-    // The fourth port's loop path is damaged: data bit 3 always comes back set.
-    ports.uart[3]->setLoopbackStuckHigh(0x08);
     return ports;
 }
 
