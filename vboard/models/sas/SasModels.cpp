@@ -466,6 +466,7 @@ void SasFabric::installPrograms() {
 // sas3flash [-o] [-c N] (-sasadd ADDR | -f FILE | -list) [-l LOG]: the log file gets what
 // the screen gets.
 int SasFabric::sas3flash(const std::vector<std::string>& argv, std::string* out) {
+    lastFlash = argv;
     std::string index = "0", address, file, log;
     bool haveAddress = false, haveFile = false, bad = false;
     for (size_t i = 1; i < argv.size(); ++i) {

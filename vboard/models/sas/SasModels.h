@@ -140,7 +140,7 @@ public:
     // The Port ID the enclosure tool reports (1 selects SES register 0x80, 2 0x81).
     int enclosurePort = 1;
     // Calls of the board's tools, for tests: the last argument vectors.
-    std::vector<std::string> lastSmpReset, lastSes;
+    std::vector<std::string> lastSmpReset, lastSes, lastFlash;
 
     static constexpr const char* kHost =
         "/sys/devices/pci0000:00/0000:00:01.0/0000:01:00.0/0000:02:01.0/0000:03:00.0/host0";
