@@ -270,11 +270,11 @@ ErrorMsg* SASDDAPI::getDriveListByController(unsigned char controller, std::vect
             continue;
         }
         std::vector<std::string> generic;
-        if (quarn::listNames(path + "/device/scsi_generic/", &generic) != 0 || generic.empty())
+        const int listed = quarn::listNames(path + "/device/scsi_generic/", &generic);
+        if (listed != 0 || generic.empty())
             return returnErrorMsg(kDeviceNode | kOpenDirectoryFail,
                                   formatMessage("%s/device/scsi_generic/: %s", path.c_str(),
-                                                generic.empty() && errno == 0 ? "empty"
-                                                                              : quarn::systemErrorText(errno).c_str()),
+                                                listed != 0 ? quarn::systemErrorText(errno).c_str() : "empty"),
                                   nullptr);
         drive.sgDeviceNode = "/dev/" + generic.front();
 

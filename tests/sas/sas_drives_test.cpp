@@ -115,6 +115,16 @@ TEST_F(SasDrivesTest, ADriveThatFailsInquiryFailsTheListWithItsChain) {
               "/dev/sg3: Device or resource busy\"");
 }
 
+TEST_F(SasDrivesTest, TargetOutsideTheDriveTableIsRefused) {
+    quarn::vboard::ScsiDiskConfig c;
+    c.portAddress = 0x5000C500A1B2F001ull;
+    board.sas->addDrive(1, 5, 9, "sdz", c);  // expander PHY 5: no drive bay
+    std::vector<SAS_DRIVE_INFO> list;
+    EXPECT_EQ(render(sas->getDriveDeviceNodeListByController(0, &list)),
+              "SASDAPI::getSASDeviceNodeList -> SASDDAPI::Get SAS drive PHY info fail: \"out of range - sdz: target "
+              "0x5 outside 0x10-0x27\"");
+}
+
 TEST_F(SasDrivesTest, ProgramSasAddress) {
     ASSERT_EQ(render(sas->programSASAddress(0, "5000C50012345678")), "");
     EXPECT_EQ(ioc().sasAddress(), 0x5000C50012345678ull);
