@@ -74,7 +74,7 @@ cp itest/I2C_profile.ini "$ird/etc/quarn/I2C_profile.ini"
 # SCSI host number of a drive for its port number, which holds only when the AHCI ports
 # are the first hosts.
 mods=(msr i2c-dev i2c-i801 i2c-stub scsi_mod libahci ahci sd_mod sg scsi_debug virtio_pci virtio_scsi
-      sym53c8xx nvme e1000e xhci-pci usb-storage usbhid hid-generic)
+      sym53c8xx nvme e1000e xhci-pci usb-storage usbhid hid-generic mptsas mptctl)
 : >"$ird/etc/modules.list"
 for m in "${mods[@]}"; do
   modprobe -d "$kroot/x" -S "$kver" --show-depends "$m" 2>/dev/null | awk '$1=="insmod"{print $2}' |
@@ -124,7 +124,7 @@ cleanup() {
 trap cleanup EXIT
 
 # Disks.
-for d in nvme sata scsi0 scsi1 usb; do
+for d in nvme sata scsi0 scsi1 usb sas0; do
   [ -f "$cache/$d.img" ] || truncate -s 64M "$cache/$d.img"
 done
 
@@ -148,6 +148,8 @@ timeout --foreground -k 10 "$timeout_s" qemu-system-x86_64 \
   -drive "if=none,id=sd0,file=$cache/scsi0.img,format=raw" -device scsi-hd,drive=sd0,bus=vscsi.0 \
   -device lsi53c895a,id=lsi \
   -drive "if=none,id=sd1,file=$cache/scsi1.img,format=raw" -device scsi-hd,drive=sd1,bus=lsi.0 \
+  -device mptsas1068,id=mpt \
+  -drive "if=none,id=sas0,file=$cache/sas0.img,format=raw" -device scsi-hd,drive=sas0,bus=mpt.0 \
   -device qemu-xhci,id=xhci \
   -drive "if=none,id=us0,file=$cache/usb.img,format=raw" -device usb-storage,drive=us0,bus=xhci.0 \
   -device usb-kbd,bus=xhci.0 \
