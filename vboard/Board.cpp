@@ -72,6 +72,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     second.rpm = 7200;
     sataDisk2 = installSataDisk(*this, *ahci, 2, 2, "sdc", second);
 
+    ethernet = std::make_unique<EthernetBoard>(*this, *pci, *memory->memory());
+
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "vboard/VirtualBoard.h"
+#include "vboard/models/ethernet/EthernetBoard.h"
 #include "vboard/models/i2c/I2cBoard.h"
 #include "vboard/models/memory/MemoryController.h"
 #include "vboard/models/pci/PciModels.h"
@@ -35,7 +36,8 @@ public:
     std::shared_ptr<AhciControllerModel> ahci;  // 00:1f.2 ABAR registers (6 ports)
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
-    std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
+    std::unique_ptr<SmbiosFirmware> smbios;
+    std::unique_ptr<EthernetBoard> ethernet;  // I210, X552, XL710, EP8324 ports, cables, NIC programs  // SMBIOS memory devices, dmidecode, decode-dimms
 };
 
 }  // namespace quarn::vboard
