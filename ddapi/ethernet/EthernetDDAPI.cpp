@@ -9,6 +9,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cctype>
@@ -517,6 +518,11 @@ ErrorMsg* EthernetDDAPI::getStatistics(std::string ifname, std::string* text) {
     int status = 0;
     if (quarn::platform().runProgram({"ethtool", "-S", ifname}, &output, &status) != 0)
         return returnErrorMsg(kGetStatistics | kOpenFileFail, formatMessage("ethtool: %s", strerror(errno)), nullptr);
+    // A tool that failed (no such port) has no statistics to judge: that is no pass.
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        return returnErrorMsg(kGetStatistics | 0x217, formatMessage("ethtool -S %.30s: exit status %d", ifname.c_str(),
+                                                                    WIFEXITED(status) ? WEXITSTATUS(status) : -1),
+                              nullptr);
     bool nonZero = false;
     for (const std::string& line : splitLines(output)) {
         if (line.find("error") == std::string::npos) continue;  // "| grep error"

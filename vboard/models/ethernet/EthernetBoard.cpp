@@ -337,7 +337,7 @@ void writeRegister(NicPort& p, uint32_t offset, uint32_t value) {
     }
     if (p.chip == NicChip::XL710 && offset >= kXl710I2c && offset < kXl710I2c + 16 &&
         (offset - kXl710I2c) / 4 == static_cast<uint32_t>(p.function)) {
-        const int device = static_cast<int>(value >> 24 & 15);
+        const int device = static_cast<int>(value >> 24 & 7);  // bit 27 is the read flag
         const uint32_t at = value >> 16 & 0xFF;
         std::vector<uint8_t>* page = device == 0 ? &p.sfpA0 : device == 1 ? &p.sfpA2 : nullptr;
         uint32_t result = value & ~0xFFu & ~(1u << 29);
