@@ -214,16 +214,21 @@ ErrorMsg* EthernetDAPI::Extrenal_loopback(std::string ifname, int mbps, float* t
     m_device = new (std::nothrow) EthernetDDAPI(ifname.c_str());
     if (!m_device) return returnErrorMsg(kExtrenalLoopback | kAllocFail, nullptr, nullptr);
     float value = 0;
+    initProgress(4);
     if (ErrorMsg* e = m_device->Enable_external_loopback(ifname)) return wrap(kExtrenalLoopback, e);
+    updateProgress(1);
     if (ErrorMsg* e = m_device->SetupSpeed(ifname, mbps)) {
         if (ErrorMsg* d = m_device->Disable_external_loopback()) deleteErrorMsg(d);
         return wrap(kExtrenalLoopback, e);
     }
+    updateProgress(1);
     if (ErrorMsg* e = m_device->Execute_external_loopback(ifname, ifname, &value)) {
         if (ErrorMsg* d = m_device->Disable_external_loopback()) deleteErrorMsg(d);
         return wrap(kExtrenalLoopback, e);
     }
+    updateProgress(1);
     if (ErrorMsg* e = m_device->Disable_external_loopback()) return wrap(kExtrenalLoopback, e);
+    updateProgress(1);
     if (throughput) *throughput = value;
     if (value == 0.0f) return returnErrorMsg(kExtrenalLoopback | kThroughputZero, nullptr, nullptr);
     return nullptr;
@@ -236,6 +241,7 @@ ErrorMsg* EthernetDAPI::Extrenal_loopback(std::string portA, std::string portB, 
     delete m_device;
     m_device = new (std::nothrow) EthernetDDAPI(portA.c_str());
     if (!m_device) return returnErrorMsg(kExtrenalLoopback | kAllocFail, nullptr, nullptr);
+    initProgress(4);
     if (ErrorMsg* e = m_device->SetupSpeed(portA, mbps)) {
         setMtu1500(portA);
         return wrap(kExtrenalLoopback, e);
@@ -244,14 +250,18 @@ ErrorMsg* EthernetDAPI::Extrenal_loopback(std::string portA, std::string portB, 
         setMtu1500(portB);
         return wrap(kExtrenalLoopback, e);
     }
+    updateProgress(1);
     float t1 = 0, t2 = 0;
     ErrorMsg* e = m_device->Execute_external_loopback(portA, portB, &t1);
+    updateProgress(1);
     if (!e && t1 != 0.0f) {
         quarn::platform().sleepMicroseconds(1000000);
         e = m_device->Execute_external_loopback(portB, portA, &t2);
     }
+    updateProgress(1);
     setMtu1500(portA);
     setMtu1500(portB);
+    updateProgress(1);
     if (e) return wrap(kExtrenalLoopback, e);
     if (t1 != 0.0f && t2 != 0.0f) {
         if (throughput) *throughput = (t1 + t2) * 0.5f;
