@@ -135,7 +135,7 @@ set +e
 timeout --foreground -k 10 "$timeout_s" qemu-system-x86_64 \
   -machine q35,accel=$accel -cpu max -smp 2 -m 3G -display none -no-reboot -nodefaults \
   -kernel "$vmlinuz" -initrd "$cache/initramfs.gz" \
-  -append "console=ttyS0,115200 mem=768M iomem=relaxed panic=-1 loglevel=4 tsc=reliable" \
+  -append "console=ttyS0,115200 mem=768M iomem=relaxed panic=-1 loglevel=4 tsc=reliable no_timer_check" \
   -serial "file:$log" -serial null -serial null -serial null \
   -drive "if=none,id=sata0,file=$cache/sata.img,format=raw" -device ide-hd,drive=sata0,bus=ide.0 \
   -device pcie-root-port,id=rp1,bus=pcie.0,chassis=1,slot=1 \
@@ -143,7 +143,7 @@ timeout --foreground -k 10 "$timeout_s" qemu-system-x86_64 \
   -device xio3130-downstream,id=dn1,bus=up1,chassis=2,slot=0 \
   -device xio3130-downstream,id=dn2,bus=up1,chassis=3,slot=1 \
   -drive "if=none,id=nvm0,file=$cache/nvme.img,format=raw" -device nvme,drive=nvm0,serial=QUARN0001,bus=dn1 \
-  -device e1000e,bus=dn2,netdev=n0 -netdev user,id=n0,restrict=on \
+  -device e1000e,bus=dn2,netdev=h0 -netdev hubport,id=h0,hubid=0 -device e1000e,bus=pcie.0,netdev=h1 -netdev hubport,id=h1,hubid=0 \
   -device virtio-scsi-pci,id=vscsi \
   -drive "if=none,id=sd0,file=$cache/scsi0.img,format=raw" -device scsi-hd,drive=sd0,bus=vscsi.0 \
   -device lsi53c895a,id=lsi \

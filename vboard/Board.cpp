@@ -102,6 +102,7 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     tpm = std::make_shared<TpmModel>();
     addDevice("/dev/tpm0", tpm);
     writeFile("/sys/class/tpm/tpm0/tpm_version_major", "2\n");
+    ethernet = std::make_unique<EthernetBoard>(*this, *pci, *memory->memory());
 
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }

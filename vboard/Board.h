@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vboard/VirtualBoard.h"
+#include "vboard/models/ethernet/EthernetBoard.h"
 #include "vboard/models/i2c/I2cBoard.h"
 #include "vboard/models/memory/MemoryController.h"
 #include "vboard/models/pci/PciModels.h"
@@ -51,6 +52,7 @@ public:
     std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
     SerialPorts serial;  // 16550A at 0x3F8/0x2F8/0x3E8/0x2E8 (/dev/ttyS0-3), ttyS4 without UART
     std::shared_ptr<TpmModel> tpm;  // TPM 2.0 (libtpms) behind /dev/tpm0
+    std::unique_ptr<EthernetBoard> ethernet;  // I210, X552, XL710, EP8324 ports, cables, NIC programs
 };
 
 }  // namespace quarn::vboard
