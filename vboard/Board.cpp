@@ -72,6 +72,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     second.rpm = 7200;
     sataDisk2 = installSataDisk(*this, *ahci, 2, 2, "sdc", second);
 
+    ethernet = std::make_unique<EthernetBoard>(*this, *pci, *memory->memory());
+
     // Chipset GPIO (the slot ID strap and board controls) and the FPGA at 0xFE200000.
     gpio = std::make_shared<PchGpioModel>();
     gpio->install(*this, *pci);

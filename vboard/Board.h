@@ -6,6 +6,7 @@
 #include <string>
 
 #include "vboard/VirtualBoard.h"
+#include "vboard/models/ethernet/EthernetBoard.h"
 #include "vboard/models/fpga/FpgaModel.h"
 #include "vboard/models/gpio/PchGpioModel.h"
 #include "vboard/models/i2c/I2cBoard.h"
@@ -38,6 +39,7 @@ public:
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
     std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
+    std::unique_ptr<EthernetBoard> ethernet;  // I210, X552, XL710, EP8324 ports, cables, NIC programs
     std::shared_ptr<PchGpioModel> gpio;  // PCH GPIO block at the LPC bridge's base, GPIO profile
     std::shared_ptr<FpgaModel> fpga;     // FPGA block (base ports 0x700/0x701), controller lamps
 };

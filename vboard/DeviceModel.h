@@ -3,6 +3,7 @@
 #pragma once
 
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cerrno>
@@ -61,6 +62,29 @@ public:
 private:
     DeviceFaults m_faults;
     std::mutex m_mutex;
+};
+
+// One socket of a simulated network stack: a handle with the socket calls besides.
+class SocketHandle : public FileHandle {
+public:
+    virtual int bind(const struct sockaddr*, socklen_t) { return static_cast<int>(fail(EOPNOTSUPP)); }
+    virtual ssize_t sendto(const void*, size_t, int, const struct sockaddr*, socklen_t) {
+        return fail(EOPNOTSUPP);
+    }
+    virtual ssize_t recvfrom(void*, size_t, int, struct sockaddr*, socklen_t*) { return fail(EOPNOTSUPP); }
+    virtual int setsockopt(int, int, const void*, socklen_t) { return 0; }
+};
+
+// The board's network stack: makes sockets. Its faults (ioctl errnos) apply to every
+// socket it made.
+class NetworkModel : public DeviceModel {
+public:
+    std::unique_ptr<FileHandle> open(int) override {
+        errno = ENODEV;
+        return nullptr;
+    }
+    // A new socket, or null with errno set.
+    virtual std::unique_ptr<SocketHandle> socket(int domain, int type, int protocol) = 0;
 };
 
 // A device decoded on a range of I/O ports. size is 1, 2 or 4 bytes.

@@ -446,26 +446,60 @@ int VirtualBoard::runProgram(const std::vector<std::string>& argv, std::string* 
     return -1;
 }
 
-// No network is modelled yet: sockets fail as on a kernel built without the family.
-int VirtualBoard::socket(int, int, int) {
-    errno = EAFNOSUPPORT;
-    return -1;
+void VirtualBoard::setNetwork(std::shared_ptr<NetworkModel> network) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_network = std::move(network);
 }
-int VirtualBoard::bind(int, const struct sockaddr*, socklen_t) {
-    errno = EBADF;
-    return -1;
+
+std::shared_ptr<SocketHandle> VirtualBoard::socketHandle(int fd) const {
+    return std::dynamic_pointer_cast<SocketHandle>(handle(fd));
 }
-ssize_t VirtualBoard::sendto(int, const void*, size_t, int, const struct sockaddr*, socklen_t) {
-    errno = EBADF;
-    return -1;
+
+// Sockets come from the board's network stack; without one they fail as on a kernel
+// built without the family.
+int VirtualBoard::socket(int domain, int type, int protocol) {
+    std::shared_ptr<NetworkModel> network;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        network = m_network;
+    }
+    if (!network) {
+        errno = EAFNOSUPPORT;
+        return -1;
+    }
+    std::shared_ptr<FileHandle> h = network->socket(domain, type, protocol);
+    if (!h) return -1;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int fd = m_nextFd++;
+    m_files[fd] = h;
+    m_fileModels[fd] = network;
+    return fd;
 }
-ssize_t VirtualBoard::recvfrom(int, void*, size_t, int, struct sockaddr*, socklen_t*) {
-    errno = EBADF;
-    return -1;
+
+#define QUARN_SOCKET_OR_FAIL(s, fd) \
+    std::shared_ptr<SocketHandle> s = socketHandle(fd); \
+    if (!s) { \
+        errno = handle(fd) ? ENOTSOCK : EBADF; \
+        return -1; \
+    }
+
+int VirtualBoard::bind(int fd, const struct sockaddr* addr, socklen_t len) {
+    QUARN_SOCKET_OR_FAIL(s, fd);
+    return s->bind(addr, len);
 }
-int VirtualBoard::setsockopt(int, int, int, const void*, socklen_t) {
-    errno = EBADF;
-    return -1;
+ssize_t VirtualBoard::sendto(int fd, const void* buf, size_t len, int flags, const struct sockaddr* addr,
+                             socklen_t addrLen) {
+    QUARN_SOCKET_OR_FAIL(s, fd);
+    return s->sendto(buf, len, flags, addr, addrLen);
+}
+ssize_t VirtualBoard::recvfrom(int fd, void* buf, size_t len, int flags, struct sockaddr* addr,
+                               socklen_t* addrLen) {
+    QUARN_SOCKET_OR_FAIL(s, fd);
+    return s->recvfrom(buf, len, flags, addr, addrLen);
+}
+int VirtualBoard::setsockopt(int fd, int level, int name, const void* value, socklen_t len) {
+    QUARN_SOCKET_OR_FAIL(s, fd);
+    return s->setsockopt(level, name, value, len);
 }
 
 int VirtualBoard::semget(key_t key, int nsems, int flags) {

@@ -38,6 +38,8 @@ public:
     void writeFile(const std::string& path, const std::string& contents);
     void makeSymlink(const std::string& target, const std::string& linkPath);
     void addProgram(const std::string& name, Program program);
+    // The network stack behind socket(); without one, sockets fail with EAFNOSUPPORT.
+    void setNetwork(std::shared_ptr<NetworkModel> network);
     // Refuses iopl/ioperm with EPERM, as for an unprivileged process.
     void setPortAccessAllowed(bool allowed) { m_portAccessAllowed = allowed; }
     // A port that always reads value and ignores writes.
@@ -125,6 +127,8 @@ private:
     std::map<uint16_t, std::shared_ptr<PortModel>> m_ports;
     std::map<uint16_t, uint32_t> m_stuckPorts;
     std::map<std::string, Program> m_programs;
+    std::shared_ptr<NetworkModel> m_network;
+    std::shared_ptr<SocketHandle> socketHandle(int fd) const;
     std::map<key_t, int> m_semKeys;
     std::map<int, Semaphore> m_semaphores;
     int m_nextSemId = 1;

@@ -958,10 +958,10 @@ TEST_F(PciOperationsTest, SortedListAcrossDomainsAndBuses) {
     for (const auto& r : list) order.push_back(bdf(r));
     const std::vector<std::string> expected = {
         "0000:00:00.0", "0000:00:01.0", "0000:00:01.1", "0000:00:02.0", "0000:00:02.2", "0000:00:03.0",
-        "0000:00:1f.0", "0000:00:1f.2", "0000:00:1f.3", "0000:01:00.0", "0000:01:00.1", "0000:02:01.0",
+        "0000:00:03.2", "0000:00:1f.0", "0000:00:1f.2", "0000:00:1f.3", "0000:01:00.0", "0000:01:00.1", "0000:02:01.0",
         "0000:02:02.0", "0000:02:03.0", "0000:02:04.0", "0000:02:05.0", "0000:03:00.0", "0000:04:00.0",
         "0000:05:00.0", "0000:07:00.0", "0000:08:00.0", "0000:09:00.0", "0000:0a:00.0", "0000:0a:00.1",
-        "0000:80:00.0", "0001:00:00.0", "0001:05:00.0", "0002:00:00.0"};
+        "0000:0c:00.0", "0000:0c:00.1", "0000:0c:00.2", "0000:0c:00.3", "0000:80:00.0", "0001:00:00.0", "0001:05:00.0", "0002:00:00.0"};
     EXPECT_EQ(order, expected);
     for (const auto& r : list) {
         EXPECT_FALSE(r.name.empty()) << bdf(r);
@@ -1156,7 +1156,7 @@ TEST_F(PciOperationsTest, BridgeTreeOfTheBoardWithASecondDomain) {
     pci.grow_tree();
     EXPECT_EQ(treeText(pci.hostBridge()),
               "host [00,00,00]\n"
-              " bus 0000:00: 00.0 01.0 01.1 02.0 02.2 03.0 1f.0 1f.2 1f.3\n"
+              " bus 0000:00: 00.0 01.0 01.1 02.0 02.2 03.0 03.2 1f.0 1f.2 1f.3\n"
               " bus 0001:00: 01.0 05.0\n"
               "  bridge 0000:00:01.0 [00,01,07]\n"
               "   bus 0000:01: 00.0 00.1\n"
@@ -1178,6 +1178,8 @@ TEST_F(PciOperationsTest, BridgeTreeOfTheBoardWithASecondDomain) {
               "   bus 0000:09: 00.0\n"
               "  bridge 0000:00:02.2 [00,0a,0a]\n"
               "   bus 0000:0a: 00.0 00.1\n"
+              "  bridge 0000:00:03.2 [00,0c,0c]\n"
+              "   bus 0000:0c: 00.0 00.1 00.2 00.3\n"
               "  bridge 0001:00:01.0 [00,01,01]\n"
               "   bus 0001:01: 00.0\n");
     // A rebuild starts from nothing.
@@ -1275,7 +1277,7 @@ TEST_F(PciOperationsTest, SlotReportLinesAndAMissingProfile) {
                   "1         2.5(GT/s)      x2        LSI SAS3008    SAS 12Gb/s HBA (SLOT1)\n"
                   "2         8.0(GT/s)      x4        NVMe SSD       Intel DC P3700 (SLOT2)\n"
                   "3         5.0(GT/s)      x4        UNKNOWN        -              (SLOT3)\n"
-                  "4         8.0(GT/s)      x8        UNKNOWN        8086:1572      (SLOT4)\n");
+                  "4         8.0(GT/s)      x8        UNKNOWN        8086:1583      (SLOT4)\n");
 
     ASSERT_EQ(board.unlink("/etc/quarn/PCI_profile.ini"), 0);
     PCIDDAPI dev("PCIDDAPI");

@@ -293,6 +293,10 @@ const char kBuiltinIds[] =
     "# Subset of the PCI ID list for the board's devices\n"
     "1000  Broadcom / LSI\n"
     "\t0097  SAS3008 PCI-Express Fusion-MPT SAS-3\n"
+    "1077  QLogic Corp.\n"
+    "\t2831  ISP8324-based 16Gb Fibre Channel to PCI Express Adapter\n"
+    "\t8830  EP83xx 10GbE Converged Network Adapter (NIC)\n"
+    "\t8831  EP83xx 10GbE Converged Network Adapter (FCoE)\n"
     "10b5  PLX Technology, Inc.\n"
     "\t8749  PEX 8749 48-Lane, 18-Port PCI Express Gen 3 (8.0 GT/s) Multi-Root Switch\n"
     "\t87b0  PEX 8732 32-lane, 8-Port PCI Express Gen 3 (8.0 GT/s) Switch\n"
@@ -301,8 +305,8 @@ const char kBuiltinIds[] =
     "8086  Intel Corporation\n"
     "\t0953  PCIe Data Center SSD\n"
     "\t1533  I210 Gigabit Network Connection\n"
-    "\t1572  Ethernet Controller X710 for 10GbE SFP+\n"
-    "\t15ad  Ethernet Connection X552/X557-AT 10GBASE-T\n"
+    "\t1583  Ethernet Controller XL710 for 40GbE QSFP+\n"
+    "\t15ab  Ethernet Connection X552 10 GbE Backplane\n"
     "\t6f00  Xeon D DMI2\n"
     "\t6f02  Xeon D PCI Express Root Port 1\n"
     "\t6f03  Xeon D PCI Express Root Port 1\n"
@@ -492,11 +496,11 @@ PciBoard::PciBoard(VirtualBoard& board) : m_board(board) {
     i210->setBar(0, 0xFB800000, 0x100000, 0);
     i210->setBar(3, 0xFB900000, 0x4000, 0);
     add("0000:08:00.0", i210, "igb");
-    auto xl710 = endpoint(0x8086, 0x1572, 0x020000, 2, kGen3, 8, 0x80);
+    auto xl710 = endpoint(0x8086, 0x1583, 0x020000, 2, kGen3, 8, 0x80);
     xl710->setBar(0, 0xFA000000, 0x800000, 0xC);
     add("0000:09:00.0", xl710, "i40e");
     for (int fn = 0; fn < 2; ++fn) {
-        auto x552 = endpoint(0x8086, 0x15AD, 0x020000, 0, kGen3, 4, 0x80);
+        auto x552 = endpoint(0x8086, 0x15AB, 0x020000, 0, kGen3, 4, 0x80);
         x552->setBar(0, 0xF9000000 + 0x200000 * fn, 0x200000, 0xC);
         add("0000:0a:00." + std::to_string(fn), x552, "ixgbe");
     }

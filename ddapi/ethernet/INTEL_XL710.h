@@ -1,0 +1,31 @@
+// Intel XL710 ports: EEPROM reads through ethtool, MAC, EEPROM writes and NVM
+// programming with eeupdate64e, the GPIO-driven LEDs, SFP module access through the
+// I2C command register and PHY loopback.
+#pragma once
+
+#include "ddapi/ethernet/IntelPhy.h"
+
+class QUARN_EXPORT INTEL_XL710 : public IntelPhyDriver {
+public:
+    explicit INTEL_XL710(const char* name);
+    ~INTEL_XL710() override;
+
+    using EthernetBaseClass::getLEDStatus;
+    using EthernetBaseClass::setLEDStatus;
+
+    ErrorMsg* Get_self_test_result(ethtool_test* result, TestType type, int* value) override;
+    ErrorMsg* SetupSpeed(std::string ifname, int mbps) override;
+    ErrorMsg* GetMAC(std::string ifname, std::string* mac) override;
+    ErrorMsg* SetMAC(std::string ifname, std::string* bytes) override;
+    ErrorMsg* GetEEPROM(std::string ifname, int offset, int length, int* data) override;
+    ErrorMsg* SetEEPROM(std::string ifname, int offset, int* data, int length) override;
+    ErrorMsg* Program(std::string ifname, std::string imageFile) override;
+    ErrorMsg* ReadSFP(std::string ifname, int device, int offset, int count, int* data) override;
+    ErrorMsg* WriteSFP(std::string ifname, int device, int offset, int value) override;
+    ErrorMsg* getLEDName(std::string ifname, std::list<std::string>* names) override;
+    ErrorMsg* setLEDStatus(std::string ifname, std::string led, std::string state) override;
+    ErrorMsg* getLEDStatus(std::string ifname, std::string led, std::string* state) override;
+
+private:
+    ErrorMsg* sfpCommand(volatile uint32_t* reg, uint32_t command, uint32_t* reply);
+};
