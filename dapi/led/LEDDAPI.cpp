@@ -5,6 +5,7 @@
 #include <new>
 
 #include "ddapi/controller/ControllerDDAPI.h"
+#include "ddapi/ethernet/EthernetDDAPI.h"
 
 namespace {
 constexpr ERRORCODE kGetDeviceList = 0xCE040800;
@@ -35,6 +36,8 @@ BaseClassDDAPI* LEDDAPI::createModuleClassByID(LED_MODULE_INDEX index) {
     switch (index) {
     case LED_MODULE_CONTROLLER:
         return new (std::nothrow) ControllerDDAPI();
+    case LED_MODULE_ETHERNET:
+        return new (std::nothrow) EthernetDDAPI("EthernetDDAPI");
     default:
         return nullptr;
     }

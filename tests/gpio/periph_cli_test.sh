@@ -30,7 +30,7 @@ check fpga-write-usage 2 'quarn: fpga write: the value is one byte in hexadecima
 check fpga-spad-test-json 0 '{"command":"fpga spad-test","board":"virtual","status":"pass","result":{"test":"fpga scratch pad","device":"fpga0","size":16384,"passed":true}}' \
   "$q" --board virtual --output-format=json fpga spad-test
 
-check led-list 0 "$(printf 'ctrl_act_led\nctrl_fault_led')" "$q" --board virtual led list
+contains led-list 0 "$(printf 'ctrl_act_led\nctrl_fault_led\neth_')" "$q" --board virtual led list
 check led-set 0 'ctrl_fault_led set on' "$q" --board virtual led set ctrl_fault_led on
 check led-bad-state 1 'LEDDAPI::setLEDStatus -> CONTROLLERDDAPI::setLEDStatus: "unexpected value - blink"' \
   "$q" --board virtual led set ctrl_act_led blink

@@ -151,4 +151,25 @@ TEST_F(LedTest, SlotIdFailuresCarryTheGpioChain) {
     EXPECT_EQ(id, 9u);
 }
 
+TEST_F(LedTest, EthernetNamesGoToTheEthernetPortsWithoutTheirPrefix) {
+    std::list<std::string> names;
+    EXPECT_EQ(render(led.getDeviceList(&names)), "");
+    ASSERT_GT(names.size(), 2u);
+    EXPECT_EQ(names.front(), "ctrl_act_led");  // the controller first, then the ports
+    std::string first;
+    for (const std::string& n : names) {
+        if (n.rfind("eth_", 0) == 0 && first.empty()) first = n;
+        if (n.rfind("ctrl_", 0) != 0) EXPECT_EQ(n.rfind("eth_", 0), 0u) << n;
+    }
+    ASSERT_FALSE(first.empty());
+    // eth_<port>_<led>: the port's own LED name is what follows "eth_".
+    EXPECT_EQ(render(led.setLEDStatus(first, "on")), "");
+    EXPECT_EQ(state(first), "on");
+    EXPECT_EQ(render(led.setLEDStatus(first, "off")), "");
+    EXPECT_EQ(state(first), "off");
+    EXPECT_TRUE(controlWrites().empty());  // the controller's lamps were not touched
+    std::string s;
+    EXPECT_NE(render(led.getLEDStatus("eth_nosuchport_led0", &s)), "");
+}
+
 }  // namespace
