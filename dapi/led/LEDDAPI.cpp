@@ -6,6 +6,7 @@
 
 #include "ddapi/controller/ControllerDDAPI.h"
 #include "ddapi/ethernet/EthernetDDAPI.h"
+#include "ddapi/psu/PSUDDAPI.h"
 
 namespace {
 constexpr ERRORCODE kGetDeviceList = 0xCE040800;
@@ -38,6 +39,8 @@ BaseClassDDAPI* LEDDAPI::createModuleClassByID(LED_MODULE_INDEX index) {
         return new (std::nothrow) ControllerDDAPI();
     case LED_MODULE_ETHERNET:
         return new (std::nothrow) EthernetDDAPI("EthernetDDAPI");
+    case LED_MODULE_PSU:
+        return new (std::nothrow) PSUDDAPI("PSUDDAPI");
     default:
         return nullptr;
     }

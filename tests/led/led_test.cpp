@@ -151,6 +151,18 @@ TEST_F(LedTest, SlotIdFailuresCarryTheGpioChain) {
     EXPECT_EQ(id, 9u);
 }
 
+TEST_F(LedTest, PsuNamesGoWholeToThePowerSupplies) {
+    // The supply set answers for the name as given (module prefix included).
+    std::string s = "unchanged";
+    const std::string chain = render(led.getLEDStatus("PSU_x", &s));
+    EXPECT_EQ(chain.rfind("LEDDAPI::getLEDStatus -> PSUDDAPI::getLEDStatus", 0), 0u) << chain;
+    EXPECT_NE(chain.find("PSU"), std::string::npos);
+    EXPECT_EQ(s, "unchanged");
+    const std::string set = render(led.setLEDStatus("psu1_led", "on"));
+    EXPECT_EQ(set.rfind("LEDDAPI::setLEDStatus -> PSUDDAPI::setLEDStatus", 0), 0u) << set;
+    EXPECT_TRUE(controlWrites().empty());
+}
+
 TEST_F(LedTest, EthernetNamesGoToTheEthernetPortsWithoutTheirPrefix) {
     std::list<std::string> names;
     EXPECT_EQ(render(led.getDeviceList(&names)), "");
