@@ -42,6 +42,8 @@ BaseClassDDAPI* LEDDAPI::createModuleClassByID(LED_MODULE_INDEX index) {
     case LED_MODULE_PSU:
         return new (std::nothrow) PSUDDAPI("PSUDDAPI");
     default:
+        // The SAS adapter's device class has no LED operations in this build: "sas"
+        // names are refused as "No device is found" rather than answered by a stand-in.
         return nullptr;
     }
 }

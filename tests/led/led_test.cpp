@@ -88,6 +88,7 @@ TEST_F(LedTest, NamesAndStatesAreCheckedExactly) {
     EXPECT_EQ(render(led.getLEDStatus("led1", &s)), "LEDDAPI::getLEDStatus: \"No device is found - led1\"");
     EXPECT_EQ(render(led.setLEDStatus("encl_fault", "on")), "LEDDAPI::setLEDStatus: \"No device is found - encl_fault\"");
     EXPECT_EQ(render(led.getLEDStatus("ctrl", &s)), "LEDDAPI::getLEDStatus: \"No device is found - ctrl\"");
+    EXPECT_EQ(render(led.getLEDStatus("sas0_fault", &s)), "LEDDAPI::getLEDStatus: \"No device is found - sas0_fault\"");
     EXPECT_TRUE(controlWrites().empty());
 }
 
