@@ -104,6 +104,12 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     writeFile("/sys/class/tpm/tpm0/tpm_version_major", "2\n");
     ethernet = std::make_unique<EthernetBoard>(*this, *pci, *memory->memory());
 
+    // Chipset GPIO (the slot ID strap and board controls) and the FPGA at 0xFE200000.
+    gpio = std::make_shared<PchGpioModel>();
+    gpio->install(*this, *pci);
+    fpga = std::make_shared<FpgaModel>(0xFE200000u);
+    fpga->install(*this, *memory->memory());
+
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }
 

@@ -9,6 +9,8 @@
 
 #include "vboard/VirtualBoard.h"
 #include "vboard/models/ethernet/EthernetBoard.h"
+#include "vboard/models/fpga/FpgaModel.h"
+#include "vboard/models/gpio/PchGpioModel.h"
 #include "vboard/models/i2c/I2cBoard.h"
 #include "vboard/models/memory/MemoryController.h"
 #include "vboard/models/pci/PciModels.h"
@@ -53,6 +55,8 @@ public:
     SerialPorts serial;  // 16550A at 0x3F8/0x2F8/0x3E8/0x2E8 (/dev/ttyS0-3), ttyS4 without UART
     std::shared_ptr<TpmModel> tpm;  // TPM 2.0 (libtpms) behind /dev/tpm0
     std::unique_ptr<EthernetBoard> ethernet;  // I210, X552, XL710, EP8324 ports, cables, NIC programs
+    std::shared_ptr<PchGpioModel> gpio;  // PCH GPIO block at the LPC bridge's base, GPIO profile
+    std::shared_ptr<FpgaModel> fpga;     // FPGA block (base ports 0x700/0x701), controller lamps
 };
 
 }  // namespace quarn::vboard
