@@ -51,6 +51,9 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
             });
     }
 
+    // The battery's charge/discharge registers: BAR 0 of 72:00.0.
+    installChargeControl(*pci, *memory->memory(), i2c->chargeControl);
+
     scsiDisk = installScsiDisk(*this, 0, "sda");
 
     // The AHCI controller's ABAR sits at 0xFBF02000 (the address the SATA layer reads its
