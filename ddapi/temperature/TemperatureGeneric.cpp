@@ -7,6 +7,7 @@
 #include "ddapi/i2c/I2CDDAPI.h"
 #include "ddapi/processor/ProcessorDDAPI.h"
 #include "ddapi/psu/PSUDDAPI.h"
+#include "ddapi/sas/SASDDAPI.h"
 #include "ddapi/sata/SATADDAPI.h"
 #include "ddapi/temperature/I2CTemperature.h"
 
@@ -183,6 +184,79 @@ ErrorMsg* Temperature_SATA::getDataByName(std::string name, TEMPERATURE_DATA_ELE
                                           std::list<std::string>* list) {
     if (element == TEMPERATURE_CURRENT) return getCurrentTemperatureList(name, list);
     return nullptr;
+}
+
+// ---- Temperature_SAS ----
+
+namespace {
+std::string lowerCase(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+constexpr ERRORCODE kGetCurrentTemperature = 0xD0040800;
+constexpr size_t kMaxControllers = 255;
+}  // namespace
+
+Temperature_SAS::Temperature_SAS(const char* name)
+    : TemperatureGeneric(name), m_sas(new (std::nothrow) SASDDAPI("TEMP_SAS")) {
+    if (!m_sas) {
+        addErrorMsg(kConstructor | kAllocate, nullptr);
+        return;
+    }
+    if (ErrorMsg* e = m_sas->getErrorMsg()) addErrorMsg(kConstructor, nullptr, e);
+}
+
+Temperature_SAS::~Temperature_SAS() { delete m_sas; }
+
+ErrorMsg* Temperature_SAS::getTemperatureNameList(std::list<std::string>* list) {
+    if (!m_sas) return returnErrorMsg(kConstructor | kAllocate, nullptr, nullptr);
+    std::vector<SAS_CONTROLLER_INFO> controllers;
+    if (ErrorMsg* e = m_sas->getControllerList(&controllers)) return returnErrorMsg(kI2CNameList, nullptr, e);
+    if (list)
+        for (const SAS_CONTROLLER_INFO& c : controllers) list->push_back(c.name);
+    return nullptr;
+}
+
+ErrorMsg* Temperature_SAS::getCurrentTemperatureList(std::string name, std::list<std::string>* list) {
+    if (!m_sas) return returnErrorMsg(kGetCurrentTemperature | kAllocate, nullptr, nullptr);
+    std::vector<SAS_CONTROLLER_INFO> controllers;
+    if (ErrorMsg* e = m_sas->getControllerList(&controllers)) {
+        deleteErrorMsg(e);
+        return returnErrorMsg(kGetCurrentTemperature, nullptr, nullptr);
+    }
+    size_t index = 0;
+    while (index < controllers.size() && index < kMaxControllers &&
+           lowerCase(controllers[index].name) != lowerCase(name))
+        ++index;
+    if (index >= controllers.size() || index >= kMaxControllers)
+        return returnErrorMsg(kGetCurrentTemperature, name.c_str(), nullptr);
+    if (ErrorMsg* e = m_sas->setControllerID(static_cast<unsigned char>(index))) return returnErrorMsg(kGetCurrent, nullptr, e);
+    deleteErrorMsg(m_sas->setPHYNumber(0xFF));
+    unsigned int degrees = 0;
+    if (ErrorMsg* e = m_sas->doIOCTLCommand(SASIOCTL::SAS_IOCTL_TEMPERATURE, &degrees))
+        return returnErrorMsg(kGetCurrent, nullptr, e);
+    char text[16];
+    snprintf(text, sizeof(text), "%u", degrees);
+    if (list) list->push_back(text);
+    return nullptr;
+}
+
+ErrorMsg* Temperature_SAS::getThresholdHigh0List(std::string, std::list<std::string>*) { return nullptr; }
+ErrorMsg* Temperature_SAS::getThresholdLow0List(std::string, std::list<std::string>*) { return nullptr; }
+ErrorMsg* Temperature_SAS::getThresholdHigh1List(std::string, std::list<std::string>*) { return nullptr; }
+ErrorMsg* Temperature_SAS::getThresholdLow1List(std::string, std::list<std::string>*) { return nullptr; }
+
+ErrorMsg* Temperature_SAS::getDataByName(std::string name, TEMPERATURE_DATA_ELEMENT element,
+                                         std::list<std::string>* list) {
+    switch (element) {
+    case TEMPERATURE_CURRENT: return getCurrentTemperatureList(name, list);
+    case TEMPERATURE_THRESHOLD_HIGH0: return getThresholdHigh0List(name, list);
+    case TEMPERATURE_THRESHOLD_LOW0: return getThresholdLow0List(name, list);
+    case TEMPERATURE_THRESHOLD_HIGH1: return getThresholdHigh1List(name, list);
+    case TEMPERATURE_THRESHOLD_LOW1: return getThresholdLow1List(name, list);
+    default: return nullptr;
+    }
 }
 
 // ---- Temperature_CPU ----

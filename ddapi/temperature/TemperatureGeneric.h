@@ -79,6 +79,26 @@ private:
     SATADDAPI* m_sata;
 };
 
+// SAS adapters: the controller temperature of the management interface (request 7).
+// Names are the SAS layer's controller names ("SAS0"), matched without regard to case.
+class QUARN_EXPORT Temperature_SAS : public TemperatureGeneric {
+public:
+    explicit Temperature_SAS(const char* name);
+    ~Temperature_SAS() override;
+
+    ErrorMsg* getTemperatureNameList(std::list<std::string>* list) override;
+    ErrorMsg* getDataByName(std::string name, TEMPERATURE_DATA_ELEMENT element, std::list<std::string>* list) override;
+
+    ErrorMsg* getCurrentTemperatureList(std::string name, std::list<std::string>* list);
+    ErrorMsg* getThresholdHigh0List(std::string name, std::list<std::string>* list);
+    ErrorMsg* getThresholdLow0List(std::string name, std::list<std::string>* list);
+    ErrorMsg* getThresholdHigh1List(std::string name, std::list<std::string>* list);
+    ErrorMsg* getThresholdLow1List(std::string name, std::list<std::string>* list);
+
+private:
+    SASDDAPI* m_sas;
+};
+
 class QUARN_EXPORT Temperature_CPU : public TemperatureGeneric {
 public:
     explicit Temperature_CPU(const char* name);

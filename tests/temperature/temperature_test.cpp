@@ -152,6 +152,20 @@ TEST_F(TemperatureTest, SataDriveTemperature) {
     EXPECT_FALSE(v.front().empty());
 }
 
+TEST_F(TemperatureTest, SasAdapterTemperature) {
+    Temperature_SAS sas("TEMP_SAS");
+    EXPECT_EQ(render(sas.getErrorMsg()), "");
+    List names;
+    EXPECT_EQ(render(sas.getTemperatureNameList(&names)), "");
+    ASSERT_EQ(names, List{"SAS1"});  // the SAS layer numbers its adapters from 1
+    List v;
+    EXPECT_EQ(render(sas.getDataByName("sas1", TEMPERATURE_CURRENT, &v)), "");
+    ASSERT_EQ(v.size(), 1u);
+    EXPECT_GT(std::stoi(v.front()), 0);
+    EXPECT_EQ(render(sas.getDataByName("sas3", TEMPERATURE_CURRENT, &v)),
+              "TEMPERATUREDAPI::Get_Current_Temperature: \"sas3\"");
+}
+
 TEST_F(TemperatureTest, SupplySensorsAndTheirDerivedThresholds) {
     Temperature_PSU psu("TEMP_PSU");
     EXPECT_EQ(render(psu.getErrorMsg()), "");
