@@ -56,6 +56,9 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
             });
     }
 
+    // The battery's charge/discharge registers: BAR 0 of 72:00.0.
+    installChargeControl(*pci, *memory->memory(), i2c->chargeControl);
+
     // The SAS3008 behind the switch (03:00.0) with two cascaded expanders and their disks.
     sas = std::make_unique<SasFabric>(*this);
     scsiDisk = sas->addDrive(0, 0x10, 0, "sda");

@@ -22,6 +22,9 @@ extern const char kProfilePath[];
 extern const char kProfileDirectory[];
 }  // namespace quarn::i2c
 
+// Temperature operations on sensors of the topology (drivers in ddapi/temperature).
+enum TEMPERATURE_OPERATION_ID : uint32_t;
+
 struct I2CRouteHop {
     uint32_t address;
     uint32_t mask;
@@ -57,6 +60,11 @@ public:
     ErrorMsg* get_i2c_device_path(const char* name, std::string* path);
     ErrorMsg* mux_test(const char* name);
     ErrorMsg* stuckPrevention(int value);
+
+    // A sensor's temperature or limit by well-known name; the driver is chosen by the
+    // device's model text ("MAX6657", "SPDTMP"). Implemented with the sensor drivers.
+    ErrorMsg* getTemperatureDataByID(std::string name, TEMPERATURE_OPERATION_ID op, std::string* value);
+    ErrorMsg* setTemperatureDataByID(std::string name, TEMPERATURE_OPERATION_ID op, std::string value);
 
     // BUS and Topology lines that were refused: one record per line (the line number as
     // detail, the line's own failure chained), in file order. Returns a copy the caller

@@ -13,8 +13,8 @@
 class BaseClassPSUDDAPI;
 
 namespace quarn::psu {
-extern const char kInfoDirectory[];
-extern const char kInfoFile[];
+QUARN_EXPORT extern const char kInfoDirectory[];
+QUARN_EXPORT extern const char kInfoFile[];
 // The System V key of the firmware lock.
 constexpr int kFirmwareLockKey = static_cast<int>(0xCD085C00u);
 }  // namespace quarn::psu

@@ -73,7 +73,8 @@ TEST_F(I2cModelTest, SwitchConnectsOnlySelectedChannelsAndCascades) {
     ASSERT_EQ(bus.I2C_set_slave_address(fd, 0xb0), 0);
     unsigned char block[34] = {0};
     EXPECT_EQ(bus.I2c_smbus_read_i2c_block_data(fd, 0x9e, block), 32);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(block) + 1, block[0]), "DPS1A2B3C5");
+    // MFR_SERIAL: a 3-byte field header, then the zero-padded text.
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(block) + 4, 10), "DPS1A2B3C5");
     // mux1 answers only while mux0 channel 3 is connected.
     ASSERT_EQ(bus.I2C_set_slave_address(fd, 0xe4), 0);
     EXPECT_EQ(bus.I2C_smbus_write_byte(fd, 0x01), -1);

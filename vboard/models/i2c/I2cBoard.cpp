@@ -23,17 +23,18 @@ const char kI2cProfile[] =
     "spd-dimm1 9 0xa2 spd_ddr4 Samsung M393A2K40BB2-CTD\n"
     "spd-dimm2 a 0xa0 spd_ddr4 Samsung M393A2K40BB2-CTD\n"
     "spd-dimm3 a 0xa2 spd_ddr4 Samsung M393A2K40BB2-CTD\n"
-    "dimm0-temp 9 0x30 temperature JEDEC TSE2004av\n"
-    "dimm1-temp 9 0x32 temperature JEDEC TSE2004av\n"
-    "dimm2-temp a 0x30 temperature JEDEC TSE2004av\n"
-    "dimm3-temp a 0x32 temperature JEDEC TSE2004av\n"
+    "dimm0-temp 9 0x30 temperature JEDEC SPDTMP\n"
+    "dimm1-temp 9 0x32 temperature JEDEC SPDTMP\n"
+    "dimm2-temp a 0x30 temperature JEDEC SPDTMP\n"
+    "dimm3-temp a 0x32 temperature JEDEC SPDTMP\n"
     "psu0 3 0xb0 psu Delta DPS-550AB\n"
     "psu1 4 0xb0 psu Delta DPS-550AB\n"
     "bbu0 5 0x16 battery TI bq40z50\n"
     "vpd0 2 0xa8 vpd Atmel AT24C64\n"
     "bp-vpd 7 0xae vpd Atmel AT24C64\n"
-    "bp-temp 8 0x9c temperature Maxim MAX6659\n"
+    "bp-temp 8 0x9c temperature Maxim MAX6657\n"
     "\n"
+    "# The DIMM sensors (TSE2004av) are driven as SPDTMP, the MAX6659 as its MAX6657 subset.\n"
     "# [Protocol] name key=value...; registers not named are byte_data\n"
     "[Protocol]\n"
     "mux0 all=byte\n"
@@ -54,88 +55,8 @@ const char kPmbusProtocol[] =
     "# PMBus command protocols of the power supplies\n"
     "all=word 0=byte_data 1=byte_data 3=byte 19=byte_data 78=byte_data 7a=byte_data "
     "7b=byte_data 7c=byte_data 7d=byte_data 7e=byte_data 81=byte_data 98=byte_data "
-    "99=pmbus_block 9a=pmbus_block 9b=pmbus_block 9e=pmbus_block\n";
-
-// PMBus LINEAR11: value = mantissa x 2^exponent, both two's complement.
-uint16_t linear11(int exponent, int mantissa) {
-    return static_cast<uint16_t>(((exponent & 0x1F) << 11) | (mantissa & 0x7FF));
-}
-
-std::shared_ptr<SmbusDeviceModel> makeMax6657(int localC, int remoteC) {
-    auto m = std::make_shared<SmbusDeviceModel>();
-    m->setByte(0x00, static_cast<uint8_t>(localC));   // local temperature
-    m->setByte(0x01, static_cast<uint8_t>(remoteC));  // remote temperature
-    m->setByte(0x02, 0x00);                           // status
-    m->setByte(0x03, 0x00);                           // configuration (read)
-    m->setByte(0x04, 0x08);                           // conversion rate (read)
-    m->setByte(0x05, 0x46);                           // local high limit 70 C
-    m->setByte(0x07, 0x64);                           // remote high limit 100 C
-    m->setByte(0x10, 0x00);                           // remote extended temperature
-    m->setByte(0xFE, 0x4D);                           // manufacturer: Maxim
-    for (uint8_t r : {0x00, 0x01, 0x02, 0x10, 0xFE}) m->setReadOnly(r);
-    return m;
-}
-
-// TSE2004av registers are 16 bits, most significant byte first on the wire.
-std::shared_ptr<SmbusDeviceModel> makeTsod(double celsius) {
-    auto m = std::make_shared<SmbusDeviceModel>();
-    auto be = [&](uint8_t reg, uint16_t v) {
-        m->setReply(reg, {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v & 0xFF)});
-    };
-    be(0x00, 0x00EF);  // capabilities
-    be(0x01, 0x0000);  // configuration
-    be(0x02, 0x0000);  // high limit
-    be(0x03, 0x0000);  // low limit
-    be(0x04, 0x0550);  // critical limit 85 C
-    be(0x05, static_cast<uint16_t>(static_cast<int>(celsius * 16) & 0x1FFF));
-    be(0x06, 0x0054);  // manufacturer
-    be(0x07, 0x2201);  // device and revision
-    m->setReadOnly(0x05);
-    return m;
-}
-
-std::shared_ptr<SmbusDeviceModel> makePsu(const char* serial, int tempC) {
-    auto m = std::make_shared<SmbusDeviceModel>();
-    m->setByte(0x00, 0x00);                 // PAGE
-    m->setByte(0x01, 0x80);                 // OPERATION: on
-    m->setByte(0x19, 0xB0);                 // CAPABILITY
-    m->setWord(0x79, 0x0000);               // STATUS_WORD
-    m->setWord(0x88, linear11(-1, 460));    // READ_VIN 230 V
-    m->setWord(0x89, linear11(-6, 128));    // READ_IIN 2 A
-    m->setWord(0x8B, 0x0180);               // READ_VOUT (LINEAR16, exponent -7 below) 3 x 128
-    m->setWord(0x8C, linear11(-3, 200));    // READ_IOUT 25 A
-    m->setWord(0x8D, linear11(-2, tempC * 4));  // READ_TEMPERATURE_1
-    m->setWord(0x90, linear11(0, 6200));    // READ_FAN_SPEED_1
-    m->setWord(0x96, linear11(0, 300));     // READ_POUT
-    m->setByte(0x20, 0x19);                 // VOUT_MODE: LINEAR16, exponent -7
-    m->setByte(0x98, 0x22);                 // PMBUS_REVISION 1.2
-    m->setBlock(0x99, "DELTA");
-    m->setBlock(0x9A, "DPS-550AB-40 A");
-    m->setBlock(0x9B, "S1F");
-    m->setBlock(0x9E, serial);
-    return m;
-}
-
-std::shared_ptr<SmbusDeviceModel> makeBq40z50() {
-    auto m = std::make_shared<SmbusDeviceModel>();
-    m->setWord(0x08, 2981);   // Temperature, 0.1 K
-    m->setWord(0x09, 12600);  // Voltage, mV
-    m->setWord(0x0A, 0);      // Current, mA
-    m->setWord(0x0D, 95);     // RelativeStateOfCharge, %
-    m->setWord(0x0F, 2280);   // RemainingCapacity, mAh
-    m->setWord(0x10, 2400);   // FullChargeCapacity, mAh
-    m->setWord(0x16, 0x00E0); // BatteryStatus
-    m->setWord(0x17, 12);     // CycleCount
-    m->setWord(0x18, 2400);   // DesignCapacity
-    m->setWord(0x19, 10800);  // DesignVoltage
-    m->setWord(0x1B, 0x4C56); // ManufactureDate
-    m->setWord(0x1C, 0x0123); // SerialNumber
-    m->setBlock(0x20, "Texas Inst.");
-    m->setBlock(0x21, "bq40z50");
-    m->setBlock(0x22, "LION");
-    m->setBlock(0x23, "");
-    return m;
-}
+    "99=pmbus_block 9a=pmbus_block 9b=pmbus_block 9e=pmbus_block d5=pmbus_block ee=pmbus_block "
+    "f2=byte_data f5=pmbus_block f6=pmbus_block f8=pmbus_block\n";
 
 void writeText(VpdEepromModel& e, size_t at, const std::string& text) {
     for (size_t i = 0; i < text.size() && at + i < e.bytes().size(); ++i)
@@ -154,20 +75,24 @@ I2cBoard::I2cBoard(VirtualBoard& board) {
 
     mux0 = std::make_shared<Pca9548Model>();
     smbus0.attachSwitch(0x70, mux0);
-    max6657 = makeMax6657(41, 52);
+    max6657 = std::make_shared<Max6657Model>(41, 52);
     smbus0.attach(0x4C, max6657);
     for (int i = 0; i < 2; ++i) {
-        psu[i] = makePsu(i == 0 ? "DPS1A2B3C4" : "DPS1A2B3C5", 33 + i);
+        PmbusSupplyConfig config;
+        config.serial = i == 0 ? "DPS1A2B3C4" : "DPS1A2B3C5";
+        config.temperature0 = 33 + i;
+        psu[i] = std::make_shared<PmbusSupplyModel>(config);
         mux0->channel(i).attach(0x58, psu[i]);
     }
-    battery = makeBq40z50();
+    chargeControl = std::make_shared<ChargeControlModel>();
+    battery = std::make_shared<Bq40z50Model>(0x0B, &board.clock(), chargeControl);
     mux0->channel(2).attach(0x0B, battery);
     mux1 = std::make_shared<Pca9548Model>();
     mux0->channel(3).attachSwitch(0x72, mux1);
     backplaneVpd = std::make_shared<VpdEepromModel>();
     writeText(*backplaneVpd, 0, "BP-12G-SAS-8 rev B");
     mux1->channel(0).attach(0x57, backplaneVpd);
-    backplaneTemp = makeMax6657(36, 39);
+    backplaneTemp = std::make_shared<Max6657Model>(36, 39, true);
     mux1->channel(1).attach(0x4E, backplaneTemp);
 
     mux2 = std::make_shared<Pca9548Model>();
@@ -177,7 +102,7 @@ I2cBoard::I2cBoard(VirtualBoard& board) {
         spd[d] = std::make_shared<Ddr4SpdModel>(addr);
         spd[d]->load(makeDdr4RdimmSpd(0x3A1B0000u + static_cast<uint32_t>(d)));
         spd[d]->attachTo(mux2->channel(d / 2), spd[d]);
-        dimmTemp[d] = makeTsod(38.5 + d);
+        dimmTemp[d] = std::make_shared<Tse2004Model>(38.5 + d);
         mux2->channel(d / 2).attach(static_cast<uint8_t>(0x18 + (d % 2)), dimmTemp[d]);
     }
 

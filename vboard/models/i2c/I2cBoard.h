@@ -7,6 +7,9 @@
 #include "vboard/VirtualBoard.h"
 #include "vboard/models/i2c/I2cBusModel.h"
 #include "vboard/models/i2c/I2cDeviceModels.h"
+#include "vboard/models/bbu/BatteryModels.h"
+#include "vboard/models/psu/PmbusSupplyModel.h"
+#include "vboard/models/temperature/ThermalSensorModels.h"
 
 namespace quarn::vboard {
 
@@ -18,14 +21,16 @@ struct I2cBoard {
     std::shared_ptr<Pca9548Model> mux0;   // bus 0, 0xE0: supplies, battery, backplane
     std::shared_ptr<Pca9548Model> mux1;   // behind mux0 channel 3, 0xE4: backplane
     std::shared_ptr<Pca9548Model> mux2;   // bus 1, 0xE2: memory channels
-    std::shared_ptr<SmbusDeviceModel> max6657;
+    std::shared_ptr<Max6657Model> max6657;
     std::shared_ptr<Ddr4SpdModel> spd[kDimms];
-    std::shared_ptr<SmbusDeviceModel> dimmTemp[kDimms];
-    std::shared_ptr<SmbusDeviceModel> psu[2];
-    std::shared_ptr<SmbusDeviceModel> battery;
+    std::shared_ptr<Tse2004Model> dimmTemp[kDimms];
+    std::shared_ptr<PmbusSupplyModel> psu[2];
+    std::shared_ptr<Bq40z50Model> battery;
+    // The battery's charge/discharge register block (BAR 0 of PCI 72:00.0, see Board).
+    std::shared_ptr<ChargeControlModel> chargeControl;
     std::shared_ptr<VpdEepromModel> vpd;
     std::shared_ptr<VpdEepromModel> backplaneVpd;
-    std::shared_ptr<SmbusDeviceModel> backplaneTemp;
+    std::shared_ptr<Max6657Model> backplaneTemp;  // MAX6659
 
     // Builds the models, adds "/dev/i2c-N" to board and writes the profile files.
     explicit I2cBoard(VirtualBoard& board);
