@@ -51,6 +51,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
             });
     }
 
+    nvsram = installNvsram(*this, *pci, *memory->memory());
+
     scsiDisk = installScsiDisk(*this, 0, "sda");
 
     // The AHCI controller's ABAR sits at 0xFBF02000 (the address the SATA layer reads its

@@ -16,6 +16,7 @@
 #include "vboard/models/sata/AhciControllerModel.h"
 #include "vboard/models/sata/SataDiskModel.h"
 #include "vboard/models/memory/SmbiosModel.h"
+#include "vboard/models/nvsram/NvsramModel.h"
 
 namespace quarn::vboard {
 
@@ -36,6 +37,7 @@ public:
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
     std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
+    std::shared_ptr<NvsramModel> nvsram;     // 00:04.0, SRAM at BAR 1 with its non-volatile array
 };
 
 }  // namespace quarn::vboard
