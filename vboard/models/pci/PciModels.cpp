@@ -553,6 +553,7 @@ PciBoard::PciBoard(VirtualBoard& board) : m_board(board) {
     // The switch's serial EEPROM holds its configuration image.
     plx->eeprom = std::make_shared<PlxEepromController>(&board.clock(), true);
     plx->eeprom->load(plxEepromImage());
+    up->poke(0x20C, 0x0102, 2);  // image version 01.02, loaded from the EEPROM at reset
     windows.push_back({kPlxBar, PlxRegisters::kSize, plx->base()});
     windows.push_back({kPlxNtBar, PlxRegisters::kSize, plx->base()});
 
