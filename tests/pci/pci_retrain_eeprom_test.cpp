@@ -177,6 +177,32 @@ TEST_F(RetrainEepromTest, CommandWordsKeepTheOtherBitsAndAddressBitThirteen) {
     EXPECT_EQ((control >> 16) & 3, 1u);  // present, valid signature
 }
 
+TEST_F(RetrainEepromTest, CommandsKeepBitsOutsideTheirFields) {
+    PCIDDAPI dev("PCIDDAPI");
+    ASSERT_EQ(render(dev.setEepromBase(pfa(1, 0, 0))), "");
+    board.pci->plx->write(0x260, 0x00C00000, 4);  // bits 23:22, owned by nobody here
+    uint32_t v = 0;
+    ASSERT_EQ(render(dev.readEepromDword(3, &v)), "");
+    ASSERT_EQ(render(dev.writeEepromDword(3, v)), "");
+    EXPECT_EQ(board.pci->plx->read(0x260, 4) & 0x00C00000, 0x00C00000u);
+}
+
+TEST_F(RetrainEepromTest, SwitchBarIsTheFirstTwoDwordsAsOneAddress) {
+    PCIDDAPI dev("PCIDDAPI");
+    std::vector<_EEPROM_INFO> list;
+    ASSERT_EQ(render(dev.scanEeproms(&list)), "");
+    EXPECT_EQ(list.size(), 1u);
+    // With an upper dword the registers lie above 1 TB, where nothing answers: reads
+    // come back all ones, so the controller looks busy for ever.
+    fn("0000:01:00.0")->poke(0x14, 0x100, 4);
+    ASSERT_EQ(render(dev.setEepromBase(pfa(1, 0, 0))), "");
+    uint32_t v = 0;
+    EXPECT_EQ(render(dev.readEepromDword(0, &v)),
+              "PCIDDAPI::readEepromDword -> PCIDDAPI::time out to wait eeprom idle -> "
+              "PCIDDAPI::fail to send eeprom command: \"Time out\"");
+    EXPECT_EQ(board.pci->plx->eeprom->eeprom().writes(), 0u);
+}
+
 TEST_F(RetrainEepromTest, StuckControllerTimesOutAndLeavesThePlaceholder) {
     PCIDDAPI dev("PCIDDAPI");
     ASSERT_EQ(render(dev.setEepromBase(pfa(1, 0, 0))), "");
