@@ -72,6 +72,7 @@ ErrorMsg* NVSRAMDAPI::getInformationByID(unsigned char id, NVSRAM_RESOURCE_INFO*
 }
 
 ErrorMsg* NVSRAMDAPI::prepare(ERRORCODE function, unsigned long long start, unsigned long long end, int width) {
+    m_dut = nullptr;
     if (ErrorMsg* e = getInformationList(&m_list)) return e;
     m_dut = &m_list[0];
     if (!validWidth(width)) return returnErrorMsg(function | kIllegalElementSize, "Unknown element size", nullptr);
@@ -279,11 +280,13 @@ ErrorMsg* NVSRAMDAPI::addressLineTest(unsigned long long start, unsigned long lo
 }
 
 ErrorMsg* NVSRAMDAPI::store() {
-    if (ErrorMsg* e = getInformationList(&m_list)) return e;
+    std::vector<NVSRAM_RESOURCE_INFO> list;
+    if (ErrorMsg* e = getInformationList(&list)) return e;
     return m_device->storeNVSRAM();
 }
 
 ErrorMsg* NVSRAMDAPI::recall() {
-    if (ErrorMsg* e = getInformationList(&m_list)) return e;
+    std::vector<NVSRAM_RESOURCE_INFO> list;
+    if (ErrorMsg* e = getInformationList(&list)) return e;
     return m_device->recallNVSRAM();
 }

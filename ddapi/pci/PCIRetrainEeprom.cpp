@@ -178,7 +178,7 @@ ErrorMsg* PCIDDAPI::testRetrain(_PFA pfa, uint32_t count, const std::function<vo
 uint32_t PCIDDAPI::eepromRead(uint32_t offset, ErrorMsg** failure) {
     *failure = nullptr;
     if (!m_memoryDriver) {
-        *failure = returnErrorMsg(0xC2081004, "no physical-memory object", nullptr);
+        *failure = returnErrorMsg(kSendCommand, "no physical-memory object", nullptr);
         return 0xFFFFFFFF;
     }
     const uint32_t v = m_memoryDriver->read32(m_plxBar + offset);
