@@ -82,9 +82,9 @@ TEST_F(NvsramTest, OnlyTheExactSequencesCopyBetweenTheArrays) {
     for (unsigned offset : {0x4E38u, 0xB1C7u, 0x83E0u, 0x7C1Fu, 0x703Fu}) mem.read8(base + offset);
     deleteErrorMsg(mem.write(base + 0x10, static_cast<unsigned char>(0x22)));
     mem.read8(base + 0x4C63);
-    // Wider reads at the right offsets are no sequence either.
-    for (unsigned offset : {0x4E38u, 0xB1C7u, 0x83E0u, 0x7C1Fu, 0x703Fu}) mem.read16(base + offset);
-    mem.read8(base + 0x8FC0);
+    // A wider read at the first offset is no part of a sequence either.
+    mem.read16(base + 0x4E38);
+    for (unsigned offset : {0xB1C7u, 0x83E0u, 0x7C1Fu, 0x703Fu, 0x8FC0u}) mem.read8(base + offset);
     EXPECT_EQ(render(mem.getErrorMsg()), "");
     EXPECT_EQ(board.nvsram->recalls(), 1u);
     EXPECT_EQ(board.nvsram->stores(), 1u);
@@ -185,6 +185,22 @@ TEST_F(NvsramTest, DataAndAddressLineTestsRestoreTheSram) {
               "NVSRAMDAPI::dataLineTest: \"out of range - Out of NVSRAM range\"");
     EXPECT_EQ(render(nv.addressLineTest(0, 0xFF, 12)),
               "NVSRAMDAPI::addressLineTest: \"Illegal element size - Unknown element size\"");
+}
+
+TEST_F(NvsramTest, LineTestsThatFailHalfWayStillPutTheSramBack) {
+    // A data bit stuck at the value it holds: the walking ones find it, and the old
+    // contents (which agree with it) must all come back.
+    const uint32_t at = 0x208;
+    const int bit = 3;
+    board.nvsram->addStuckBit(at, bit, (sramBefore[at] >> bit) & 1);
+    NVSRAMDAPI nv("NVSRAMDAPI");
+    const std::string data = render(nv.dataLineTest(0x200, 0x2FF, 64));
+    EXPECT_EQ(data.rfind("NVSRAMDAPI::dataLineTest -> MemoryDAPI::dataLineTest", 0), 0u) << data;
+    EXPECT_EQ(board.nvsram->sram(), sramBefore);
+    const std::string address = render(nv.addressLineTest(0x200, 0x2FF, 8));
+    EXPECT_EQ(address.rfind("NVSRAMDAPI::addressLineTest -> MemoryDAPI::addressLineTest", 0), 0u) << address;
+    EXPECT_EQ(board.nvsram->sram(), sramBefore);
+    EXPECT_EQ(board.nvsram->nonVolatile(), nvBefore);
 }
 
 }  // namespace

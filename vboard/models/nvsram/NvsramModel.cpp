@@ -37,6 +37,11 @@ uint64_t NvsramModel::read(uint32_t offset, int width) {
     std::lock_guard<std::mutex> lock(m_mutex);
     uint64_t v = 0;
     for (int i = 0; i < width; ++i) v |= static_cast<uint64_t>(m_sram[(offset + i) % kSize]) << (8 * i);
+    for (const Stuck& s : m_stuck) {
+        if (s.offset < offset || s.offset >= offset + static_cast<uint32_t>(width)) continue;
+        const uint64_t bit = 1ull << (8 * (s.offset - offset) + s.bit);
+        v = s.value ? (v | bit) : (v & ~bit);
+    }
     // Only single-byte reads take part in a sequence; a wider read aborts it.
     if (width == 1) track(offset % kSize);
     else m_matched = 0;

@@ -34,6 +34,8 @@ public:
 
     // Fault: a STORE sequence is accepted but copies nothing.
     bool storeIgnored = false;
+    // Fault: a bit of the SRAM that reads as value whatever was written.
+    void addStuckBit(uint32_t offset, int bit, int value) { m_stuck.push_back({offset, bit, value}); }
 
 private:
     void track(uint32_t offset);
@@ -42,6 +44,11 @@ private:
     std::vector<uint8_t> m_sram, m_nv;
     int m_matched = 0;  // reads of the sequence seen so far
     unsigned m_stores = 0, m_recalls = 0;
+    struct Stuck {
+        uint32_t offset;
+        int bit, value;
+    };
+    std::vector<Stuck> m_stuck;
 };
 
 }  // namespace quarn::vboard
