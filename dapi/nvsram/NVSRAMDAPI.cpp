@@ -136,9 +136,13 @@ ErrorMsg* NVSRAMDAPI::WritePattern(int width, unsigned long long pattern) {
     const unsigned long long first = m_dut->base + m_start;
     const unsigned long long last = m_dut->base + m_end;
     const unsigned long long group = width == 64 ? 8 : 4;
+    // Bytes before the first element boundary and after the last whole group are
+    // written one by one: every wider access is aligned, and nothing past the range is
+    // touched.
+    const unsigned long long align = static_cast<unsigned long long>(width / 8);
     unsigned long long a = first;
-    // Whole groups inside the range; the bytes of a last partial group are written one
-    // by one, so that nothing past the range is touched.
+    for (; a % align != 0 && a <= last; ++a)
+        deleteErrorMsg(m_memory->writeMemory8(a, static_cast<unsigned char>(pattern >> (8 * ((a - first) % align)))));
     for (; a + group - 1 <= last; a += group) {
         switch (width) {
             case 8:
@@ -156,8 +160,8 @@ ErrorMsg* NVSRAMDAPI::WritePattern(int width, unsigned long long pattern) {
                 deleteErrorMsg(m_memory->writeMemory64(a, pattern));
         }
     }
-    for (unsigned long long i = 0; a <= last; ++a, ++i)
-        deleteErrorMsg(m_memory->writeMemory8(a, static_cast<unsigned char>(pattern >> (8 * (i % (width / 8))))));
+    for (; a <= last; ++a)
+        deleteErrorMsg(m_memory->writeMemory8(a, static_cast<unsigned char>(pattern >> (8 * ((a - first) % align)))));
     return nullptr;
 }
 
@@ -166,8 +170,11 @@ ErrorMsg* NVSRAMDAPI::VerifyPattern(int width, unsigned long long pattern) {
     const unsigned long long first = m_dut->base + m_start;
     const unsigned long long last = m_dut->base + m_end;
     const unsigned long long group = width == 64 ? 8 : 4;
+    const unsigned long long align = static_cast<unsigned long long>(width / 8);
     bool same = true;
     unsigned long long a = first;
+    for (; a % align != 0 && a <= last && same; ++a)
+        same = m_memory->readMemory8(a) == static_cast<unsigned char>(pattern >> (8 * ((a - first) % align)));
     for (; a + group - 1 <= last && same; a += group) {
         switch (width) {
             case 8:
@@ -184,8 +191,8 @@ ErrorMsg* NVSRAMDAPI::VerifyPattern(int width, unsigned long long pattern) {
                 same = m_memory->readMemory64(a) == pattern;
         }
     }
-    for (unsigned long long i = 0; a <= last && same; ++a, ++i)
-        same = m_memory->readMemory8(a) == static_cast<unsigned char>(pattern >> (8 * (i % (width / 8))));
+    for (; a <= last && same; ++a)
+        same = m_memory->readMemory8(a) == static_cast<unsigned char>(pattern >> (8 * ((a - first) % align)));
     if (ErrorMsg* e = m_memory->getErrorMsg()) deleteErrorMsg(e);  // a failed read shows as a difference
     if (!same) return returnErrorMsg(kPatternCompareFail, nullptr, nullptr);
     return nullptr;

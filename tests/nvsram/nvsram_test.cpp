@@ -158,8 +158,12 @@ TEST_F(NvsramTest, PatternWalkStaysInsideTheRange) {
     const std::vector<uint8_t>& sram = board.nvsram->sram();
     EXPECT_EQ(sram, nvBefore);
     EXPECT_EQ(render(nv.WritePattern(64, 0x1122334455667788ull)), "");
+    // 0x101-0x107 byte by byte up to the word boundary, the word at 0x108 would pass the
+    // range end, so 0x108-0x10A byte by byte as well; the pattern's bytes follow the
+    // offset from the range start.
     EXPECT_EQ(sram[0x100], nvBefore[0x100]);
     EXPECT_EQ(sram[0x101], 0x88);
+    EXPECT_EQ(sram[0x107], 0x22);
     EXPECT_EQ(sram[0x108], 0x11);
     EXPECT_EQ(sram[0x109], 0x88);
     EXPECT_EQ(sram[0x10A], 0x77);
