@@ -4,6 +4,7 @@
 #include <list>
 
 #include "cli/Cli.h"
+#include "cli/Progress.h"
 #include "dapi/pci/PCIDAPI.h"
 #include "ddapi/pci/PCIDDAPI.h"
 
@@ -254,6 +255,153 @@ int switches(Context& ctx, const std::vector<std::string>& args) {
     return 0;
 }
 
+// ---------------------------------------------------------------- retrain and EEPROMs
+
+int retrainList(Context& ctx, const std::vector<std::string>&) {
+    PCIDAPI pci("PCIDAPI");
+    std::vector<RetrainInfo> list;
+    if (ErrorMsg* e = pci.getRetrainSupportedDeviceList(&list)) return ctx.fail(e);
+    Value arr = Value::array();
+    for (const RetrainInfo& r : list) {
+        const std::string port = bdf(r.port.domain, r.port.bus, r.port.device, r.port.function);
+        const bool behind = r.downstreamDomain != 0xFFFF;
+        const std::string down = behind ? bdf(r.downstreamDomain, r.downstreamBus, r.downstreamDevice,
+                                              static_cast<uint8_t>(r.downstreamFunction))
+                                        : "-";
+        arr.push(Value::object().set("port", port).set("link_up", r.linkUp != 0).set("downstream", down));
+        ctx.text += port + (r.linkUp ? " up   " : " down ") + down + "\n";
+    }
+    ctx.result.set("ports", arr);
+    return 0;
+}
+
+int retrainTest(Context& ctx, const std::vector<std::string>& args) {
+    PCIDAPI pci("PCIDAPI");
+    _PFA p;
+    long long count = 1000;
+    if (args.empty() || args.size() > 2 || !parseBdf(pci, args[0], &p) ||
+        (args.size() == 2 && !parseInt(args[1], 1, 1000000, &count)))
+        return ctx.usage("usage: quarn pci retrain-test PORT [COUNT]");
+    ErrorMsg* chain = runWithProgress(ctx, pci, [&]() { return pci.testRetrain(p, static_cast<uint32_t>(count)); });
+    ctx.result.set("port", args[0]).set("retrains", count).set("passed", chain == nullptr);
+    if (chain) return ctx.fail(chain);
+    ctx.text += "retrain test passed: " + std::to_string(count) + " retrains of " + args[0] + "\n";
+    return 0;
+}
+
+int eeproms(Context& ctx, const std::vector<std::string>&) {
+    PCIDAPI pci("PCIDAPI");
+    std::vector<_EEPROM_INFO> list;
+    if (ErrorMsg* e = pci.getEepromList(&list)) return ctx.fail(e);
+    Value arr = Value::array();
+    for (const _EEPROM_INFO& info : list) {
+        const std::string at = bdf(info.domain, info.bus, info.device, static_cast<uint8_t>(info.function));
+        arr.push(Value::object().set("name", info.name).set("switch_port", at));
+        ctx.text += info.name + " (attached to PCIE switch " + at + ")\n";
+    }
+    ctx.result.set("eeproms", arr);
+    return 0;
+}
+
+std::string hex32(uint32_t v) {
+    char t[16];
+    snprintf(t, sizeof(t), "%08x", v);
+    return t;
+}
+
+int eepromRead(Context& ctx, const std::vector<std::string>& args) {
+    long long offset = 0, length = 4;
+    if (args.size() < 2 || args.size() > 3 || !parseInt(args[1], 0, 0xFFFFFFFFll, &offset) ||
+        (args.size() == 3 && !parseInt(args[2], 1, 0x4000, &length)))
+        return ctx.usage("usage: quarn pci eeprom-read EEPROM OFFSET [LEN]");
+    PCIDAPI pci("PCIDAPI");
+    const uint32_t count = static_cast<uint32_t>((length + 3) / 4);
+    std::vector<uint32_t> words(count, 0);
+    if (ErrorMsg* e = pci.readEeprom(args[0], static_cast<uint32_t>(offset), count, words.data())) return ctx.fail(e);
+    Value arr = Value::array();
+    const uint32_t first = static_cast<uint32_t>(offset) & ~3u;
+    for (uint32_t i = 0; i < count; ++i) {
+        arr.push(hex32(words[i]));
+        char line[32];
+        snprintf(line, sizeof(line), "%04x: %08x\n", first + 4 * i, words[i]);
+        ctx.text += line;
+    }
+    ctx.result.set("eeprom", args[0]).set("offset", static_cast<long long>(first)).set("dwords", arr);
+    return 0;
+}
+
+int eepromWrite(Context& ctx, const std::vector<std::string>& args) {
+    long long offset = 0;
+    if (args.size() != 3 || !parseInt(args[1], 0, 0xFFFFFFFFll, &offset))
+        return ctx.usage("usage: quarn pci eeprom-write EEPROM OFFSET HEX  (HEX: dwords, 8 digits each)");
+    const std::string& hex = args[2];
+    if (hex.empty() || hex.size() % 8 != 0 || hex.size() > 0x4000 * 2 ||
+        hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        return ctx.usage("quarn pci eeprom-write: HEX must be whole dwords of 8 hexadecimal digits");
+    std::vector<uint32_t> words;
+    for (size_t i = 0; i < hex.size(); i += 8) words.push_back(static_cast<uint32_t>(strtoul(hex.substr(i, 8).c_str(), nullptr, 16)));
+    PCIDAPI pci("PCIDAPI");
+    if (ErrorMsg* e = pci.writeEeprom(args[0], static_cast<uint32_t>(offset), static_cast<uint32_t>(words.size()),
+                                      words.data()))
+        return ctx.fail(e);
+    ctx.result.set("eeprom", args[0]).set("offset", offset).set("dwords_written", static_cast<long long>(words.size()));
+    ctx.text += std::to_string(words.size()) + " dwords written to " + args[0] + "\n";
+    return 0;
+}
+
+// The library's progress printer writes to standard output; in JSON mode it is kept out
+// of the document.
+template <typename F>
+ErrorMsg* withPrinter(Context& ctx, F call) {
+    if (ctx.format == Format::Text) return call();
+    StdoutCapture capture;
+    ErrorMsg* e = call();
+    capture.finish();
+    return e;
+}
+
+int eepromSave(Context& ctx, const std::vector<std::string>& args) {
+    if (args.size() != 2) return ctx.usage("usage: quarn pci eeprom-save EEPROM FILE");
+    PCIDAPI pci("PCIDAPI");
+    if (ErrorMsg* e = withPrinter(ctx, [&]() { return pci.saveEeprom(args[0], args[1].c_str()); })) return ctx.fail(e);
+    uint32_t size = 0;
+    deleteErrorMsg(pci.getEepromSize(args[0], &size));
+    ctx.result.set("eeprom", args[0]).set("file", args[1]).set("bytes", static_cast<long long>(size & ~3u));
+    ctx.text += args[0] + " saved to " + args[1] + "\n";
+    return 0;
+}
+
+int eepromProgram(Context& ctx, const std::vector<std::string>& args) {
+    if (args.size() != 2) return ctx.usage("usage: quarn pci eeprom-program EEPROM FILE");
+    PCIDAPI pci("PCIDAPI");
+    if (ErrorMsg* e = withPrinter(ctx, [&]() { return pci.programEeprom(args[0], args[1]); })) return ctx.fail(e);
+    ctx.result.set("eeprom", args[0]).set("file", args[1]);
+    ctx.text += args[0] + " programmed from " + args[1] + "\n";
+    return 0;
+}
+
+int eepromTest(Context& ctx, const std::vector<std::string>& args) {
+    if (args.size() != 1) return ctx.usage("usage: quarn pci eeprom-test EEPROM");
+    PCIDAPI pci("PCIDAPI");
+    ErrorMsg* e = pci.testEeprom(args[0]);
+    ctx.result.set("eeprom", args[0]).set("passed", e == nullptr);
+    if (e) return ctx.fail(e);
+    ctx.text += "eeprom test passed on " + args[0] + " (image restored)\n";
+    return 0;
+}
+
+int eepromVersion(Context& ctx, const std::vector<std::string>& args) {
+    if (args.size() != 1) return ctx.usage("usage: quarn pci eeprom-version EEPROM");
+    PCIDAPI pci("PCIDAPI");
+    uint16_t version = 0;
+    if (ErrorMsg* e = pci.getEepromImageVersion(args[0], &version)) return ctx.fail(e);
+    char text[64];
+    snprintf(text, sizeof(text), "%02d.%02d", version >> 8, version & 0xFF);
+    ctx.result.set("eeprom", args[0]).set("version", text);
+    ctx.text += std::string("EEPROM Image version: ") + text + "\n";
+    return 0;
+}
+
 Register reg{
     {"pci", "list", "", "list the PCI functions (sorted, named)", list},
     {"pci", "hidden", "", "functions found by port I/O that sysfs does not list", hidden},
@@ -268,6 +416,15 @@ Register reg{
     {"pci", "tree", "", "bridges and buses", tree},
     {"pci", "slots", "", "slot report from the board profile", slots},
     {"pci", "switches", "", "PLX switches and their downstream ports", switches},
+    {"pci", "retrain-list", "", "ports the link retrain test can run on", retrainList},
+    {"pci", "retrain-test", "PORT [COUNT]", "retrain a port's link (1000 times) checking width and speed", retrainTest},
+    {"pci", "eeproms", "", "serial EEPROMs of the PLX switches", eeproms},
+    {"pci", "eeprom-read", "EEPROM OFFSET [LEN]", "read EEPROM dwords (byte offset, byte length)", eepromRead},
+    {"pci", "eeprom-write", "EEPROM OFFSET HEX", "write EEPROM dwords (8 hex digits each)", eepromWrite},
+    {"pci", "eeprom-save", "EEPROM FILE", "save the EEPROM image to a file", eepromSave},
+    {"pci", "eeprom-program", "EEPROM FILE", "program the EEPROM from a file", eepromProgram},
+    {"pci", "eeprom-test", "EEPROM", "pattern test; the image is put back", eepromTest},
+    {"pci", "eeprom-version", "EEPROM", "configuration image version", eepromVersion},
 };
 
 }  // namespace

@@ -144,6 +144,7 @@ timeout --foreground -k 10 "$timeout_s" qemu-system-x86_64 \
   -device xio3130-downstream,id=dn2,bus=up1,chassis=3,slot=1 \
   -drive "if=none,id=nvm0,file=$cache/nvme.img,format=raw" -device nvme,drive=nvm0,serial=QUARN0001,bus=dn1 \
   -device e1000e,bus=dn2,netdev=h0 -netdev hubport,id=h0,hubid=0 -device e1000e,bus=pcie.0,netdev=h1 -netdev hubport,id=h1,hubid=0 \
+  -device pcie-root-port,id=rp2,bus=pcie.0,chassis=4,slot=2,x-speed=8,x-width=4 \
   -device virtio-scsi-pci,id=vscsi \
   -drive "if=none,id=sd0,file=$cache/scsi0.img,format=raw" -device scsi-hd,drive=sd0,bus=vscsi.0 \
   -device lsi53c895a,id=lsi \

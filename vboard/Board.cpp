@@ -56,6 +56,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
             });
     }
 
+    nvsram = installNvsram(*this, *pci, *memory->memory());
+
     // The battery's charge/discharge registers: BAR 0 of 72:00.0.
     installChargeControl(*pci, *memory->memory(), i2c->chargeControl);
 

@@ -24,6 +24,7 @@
 #include "vboard/models/memory/SmbiosModel.h"
 #include "vboard/models/tpm/TpmModel.h"
 #include "vboard/models/uart/Uart16550Model.h"
+#include "vboard/models/nvsram/NvsramModel.h"
 
 namespace quarn::vboard {
 
@@ -57,6 +58,7 @@ public:
     std::unique_ptr<EthernetBoard> ethernet;  // I210, X552, XL710, EP8324 ports, cables, NIC programs
     std::shared_ptr<PchGpioModel> gpio;  // PCH GPIO block at the LPC bridge's base, GPIO profile
     std::shared_ptr<FpgaModel> fpga;     // FPGA block (base ports 0x700/0x701), controller lamps
+    std::shared_ptr<NvsramModel> nvsram;     // 00:04.0, SRAM at BAR 1 with its non-volatile array
 };
 
 }  // namespace quarn::vboard

@@ -677,6 +677,7 @@ int VirtualBoard::getAffinity(cpu_set_t* cpus) {
 
 void VirtualBoard::sleepMicroseconds(uint64_t microseconds) {
     m_clock.advanceNs(microseconds * 1000ULL);
+    if (m_sleepHook) m_sleepHook(microseconds);
 }
 
 // Virtual time moves when something waits or touches a device, but plain CPU work

@@ -51,6 +51,9 @@ public:
     uint64_t portViolations() const { return m_portViolations; }
     void setKernelRelease(const std::string& release) { m_kernelRelease = release; }
     void setCpuCount(int count) { m_cpuCount = count; }
+    // Called on the sleeping thread after every sleep (links to another board pace
+    // their peer in real time and deliver posted writes here).
+    void setSleepHook(std::function<void(uint64_t microseconds)> hook) { m_sleepHook = std::move(hook); }
     // Wall-clock time at virtual time zero (seconds since the epoch).
     void setEpoch(int64_t seconds) { m_epochSeconds = seconds; }
     int64_t epoch() const { return m_epochSeconds; }
@@ -149,6 +152,7 @@ private:
     std::string m_kernelRelease = "4.19.0-veltrax-amd64";
     int m_cpuCount = 8;
     int64_t m_epochSeconds = 0;
+    std::function<void(uint64_t)> m_sleepHook;
 };
 
 }  // namespace quarn::vboard

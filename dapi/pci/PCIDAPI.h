@@ -55,6 +55,25 @@ public:
     ErrorMsg* displayHBAs();
     ErrorMsg* getPCIeSwitchList(std::vector<_SWITCH_UNIT>* units, uint32_t* count);
 
+    // Link retraining.
+    ErrorMsg* testRetrain(_PFA pfa);
+    // count retrains instead of 1,000, with the progress counter kept.
+    ErrorMsg* testRetrain(_PFA pfa, uint32_t count);
+    ErrorMsg* getRetrainSupportedDeviceList(std::vector<RetrainInfo>* list);
+
+    // Switch EEPROMs, by name ("eeprom0", ...).
+    ErrorMsg* getEepromList(std::vector<_EEPROM_INFO>* list);
+    ErrorMsg* DisplayPCIeSwitchEepromList();
+    ErrorMsg* testEeprom(std::string name);
+    ErrorMsg* getEepromSize(std::string name, uint32_t* size);
+    ErrorMsg* readEeprom(std::string name, uint32_t byteOffset, uint32_t count, uint32_t* buffer);
+    ErrorMsg* writeEeprom(std::string name, uint32_t byteOffset, uint32_t count, uint32_t* buffer);
+    ErrorMsg* saveEeprom(std::string name, const char* path);
+    ErrorMsg* programEeprom(std::string name, std::string path);
+    ErrorMsg* showEepromImageVersion(std::string name);
+    ErrorMsg* getEepromImageVersion(std::string name, uint16_t* version);
+    void progressHandler(float ticks);
+
 private:
     ErrorMsg* collectSwitch(ERRORCODE function, const std::string& switchID,
                             std::vector<_PORT_ERROR>* out, _SWITCH_UNIT* unitOut);

@@ -2,6 +2,7 @@
 // BARs, the port-I/O scan, error statistics, the bridge tree, slots and switches.
 #pragma once
 
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
@@ -107,6 +108,36 @@ public:
     void getDownstreamPorts(_SWITCH_UNIT* unit);
     std::string getSwitchDeviceName(uint16_t vendorID, uint16_t deviceID);
 
+    // Link retraining.
+    ErrorMsg* getRetrainSupportDevices(std::vector<RetrainInfo>* list);
+    bool isAvailableForRetrainTest(PCIDevice& port);
+    ErrorMsg* getRetrainRegs(PCIDevice& port, uint32_t* controlOffset, uint32_t* statusOffset);
+    ErrorMsg* testRetrainRun(PCIDevice& port);
+    ErrorMsg* testRetrain(_PFA pfa);
+    // count retrains; done (if given) is called after each successful one.
+    ErrorMsg* testRetrain(_PFA pfa, uint32_t count, const std::function<void(uint32_t)>& done);
+    void getDownstreamDevice(RetrainInfo* info);
+
+    // Switch EEPROMs.
+    ErrorMsg* scanEeproms(std::vector<_EEPROM_INFO>* list);
+    ErrorMsg* getEeprom(std::string name, _EEPROM_INFO* info);
+    ErrorMsg* setEepromBase(_PFA pfa);
+    ErrorMsg* sendEepromCommand(uint32_t word);
+    ErrorMsg* waitEepromToBeIdle();
+    ErrorMsg* readEepromDword(uint32_t index, uint32_t* value);
+    ErrorMsg* writeEepromDword(uint32_t index, uint32_t value);
+    ErrorMsg* readEepromBlock(uint32_t first, uint32_t count, uint32_t* buffer);
+    ErrorMsg* writeEepromBlock(uint32_t first, uint32_t count, uint32_t* buffer);
+    ErrorMsg* readEeprom(_PFA pfa, uint32_t byteOffset, uint32_t count, uint32_t* buffer);
+    ErrorMsg* writeEeprom(_PFA pfa, uint32_t byteOffset, uint32_t count, uint32_t* buffer);
+    ErrorMsg* getEepromSize(_PFA pfa, uint32_t* size);
+    ErrorMsg* restoreEeprom(uint32_t* image, uint32_t count);
+    ErrorMsg* testEepromRun(uint32_t pattern, uint32_t count);
+    ErrorMsg* testEeprom(_PFA pfa);
+    ErrorMsg* showEepromImageVersion(std::string name);
+    // The version word showEepromImageVersion prints (high byte major, low byte minor).
+    ErrorMsg* getEepromImageVersion(std::string name, uint16_t* version);
+
     // The current device of the single-device operations.
     void createPciObject(_PFA pfa);
     void releasePciObject();
@@ -119,6 +150,9 @@ private:
     _PCIInformantion recordOf(const _PFA& pfa) const;
     void readSwitchBar();
     bool isIntelNtb() const;
+    // Register access of the cached switch BAR through m_memoryDriver; a failed read
+    // leaves its chain in *failure.
+    uint32_t eepromRead(uint32_t offset, ErrorMsg** failure);
     float readableSpeed(PCIDevice& dev, _DATA_TYPE type);
 
     PCIDevice* m_table[kMaxDevices];

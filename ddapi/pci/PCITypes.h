@@ -146,3 +146,26 @@ struct _SWITCH_UNIT {
     _PFA upstreamPort;
     std::vector<_PFA> downstreamPorts;
 };
+
+// One candidate port of the link retrain test and the function behind it.
+struct RetrainInfo {
+    _PCIInformantion port;  // address, IDs, 24-bit class code, revision, header type, capability pointer
+    uint8_t linkUp;
+    uint8_t spare;
+    uint16_t downstreamDomain;  // 0xFFFF when nothing is behind the port
+    uint16_t downstreamBus;
+    uint16_t downstreamDevice;
+    uint16_t downstreamFunction;
+    uint16_t downstreamVendorID;
+    uint16_t downstreamDeviceID;
+    std::string downstreamName;
+};
+
+// A serial EEPROM on a PLX switch, by the upstream port that carries it.
+struct _EEPROM_INFO {
+    std::string name;  // "eeprom%d"
+    uint16_t domain;
+    uint16_t bus;
+    uint16_t device;
+    uint16_t function;
+};

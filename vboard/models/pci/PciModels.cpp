@@ -95,6 +95,7 @@ void PciFunction::mask(uint32_t offset, uint32_t writable, uint32_t w1c, int wid
 }
 
 uint32_t PciFunction::read(uint32_t offset, int width) const {
+    if (m_training) settle();
     uint32_t v = 0;
     for (int i = 0; i < width; ++i)
         if (offset + i < m_size) v |= static_cast<uint32_t>(m_cfg[offset + i]) << (8 * i);
@@ -109,7 +110,46 @@ void PciFunction::write(uint32_t offset, uint32_t value, int width) {
         cell = static_cast<uint8_t>((cell & ~wm) | (b & wm));
         cell = static_cast<uint8_t>(cell & ~(b & m_w1c[offset + i]));
     }
+    const uint32_t control = m_pcie + 0x10;
+    if (m_clock && m_pcie && offset <= control && control < offset + static_cast<uint32_t>(width) &&
+        ((value >> (8 * (control - offset))) & 0x20))
+        startTraining();
     mirror();
+}
+
+void PciFunction::enableLinkTraining(VirtualClock* clock, uint64_t trainingNs) {
+    m_clock = clock;
+    m_trainingNs = trainingNs;
+}
+
+void PciFunction::degradeRetrain(int everyN, int width, int speed) {
+    m_degradeEvery = everyN;
+    m_degradeWidth = width;
+    m_degradeSpeed = speed;
+}
+
+void PciFunction::startTraining() {
+    if (!m_partnerWidth) return;  // nothing behind the port: no partner to train with
+    ++m_retrains;
+    m_targetSpeed = m_partnerSpeed;
+    m_targetWidth = m_partnerWidth;
+    if (m_degradeEvery > 0 && m_retrains % static_cast<unsigned>(m_degradeEvery) == 0) {
+        if (m_degradeWidth) m_targetWidth = m_degradeWidth;
+        if (m_degradeSpeed) m_targetSpeed = m_degradeSpeed;
+    }
+    const uint32_t status = m_pcie + 0x12;
+    poke(status, read(status, 2) | 0x8800, 2);
+    m_trainUntil = m_clock->nowNs() + m_trainingNs;
+    m_training = true;
+}
+
+void PciFunction::settle() const {
+    if (m_clock->nowNs() < m_trainUntil) return;
+    m_training = false;
+    const uint32_t status = m_pcie + 0x12;
+    const uint16_t v = static_cast<uint16_t>((m_targetSpeed & 0xF) | (m_targetWidth & 0x3F) << 4 | 0x2000 | 0x4000);
+    m_cfg[status] = static_cast<uint8_t>(v);
+    m_cfg[status + 1] = static_cast<uint8_t>(v >> 8);
 }
 
 void PciFunction::poke(uint32_t offset, uint32_t value, int width) {
@@ -158,12 +198,15 @@ uint32_t PciFunction::addPcieCapability(int portType, int portNumber, int maxSpe
     poke(c + 0x0C, (maxSpeed & 0xF) | (maxWidth & 0x3F) << 4 | 0x00400000 |
                        static_cast<uint32_t>(portNumber & 0xFF) << 24, 4);
     mask(c + 0x10, 0x0FC3, 0, 2);  // link control
+    mask(c + 0x12, 0, 0xC000, 2);  // link status: bandwidth change bits are RW1C
     setLink(speed, width);
     return c;
 }
 
 void PciFunction::setLink(int speed, int width) {
     if (!m_pcie) return;
+    m_partnerSpeed = speed;
+    m_partnerWidth = width;
     const uint32_t up = width ? 0x2000 : 0;  // data link layer active
     poke(m_pcie + 0x12, (speed & 0xF) | (width & 0x3F) << 4 | up, 2);
 }
@@ -235,6 +278,8 @@ void PlxRegisters::attach(uint32_t portNumber, std::shared_ptr<PciFunction> f) {
 
 uint32_t PlxRegisters::read(uint32_t offset, int width) const {
     if (offset >= kSize) return 0xFFFFFFFF;
+    if (eeprom && width == 4 && (offset == PlxEepromController::kControl || offset == PlxEepromController::kData))
+        return eeprom->read(offset);
     auto it = m_ports.find(offset >> 12);
     if (it != m_ports.end()) return it->second->read(offset & 0xFFF, width);
     uint32_t v = 0;
@@ -244,6 +289,10 @@ uint32_t PlxRegisters::read(uint32_t offset, int width) const {
 
 void PlxRegisters::write(uint32_t offset, uint32_t value, int width) {
     if (offset >= kSize) return;
+    if (eeprom && width == 4 && (offset == PlxEepromController::kControl || offset == PlxEepromController::kData)) {
+        eeprom->write(offset, value);
+        return;
+    }
     auto it = m_ports.find(offset >> 12);
     if (it != m_ports.end()) {
         it->second->write(offset & 0xFFF, value, width);
@@ -265,6 +314,35 @@ constexpr int kPlxNtLinkPort = 63;     // 0x3F000
 std::shared_ptr<PciFunction> make(uint16_t v, uint16_t d, uint32_t cls, uint8_t rev, uint8_t hdr,
                                   size_t size = 4096, uint8_t* storage = nullptr) {
     return std::make_shared<PciFunction>(v, d, cls, rev, hdr, size, storage);
+}
+
+// A PEX 8749 configuration image: signature 0x5A and the byte count of the register
+// entries (a 16-bit register address and a 32-bit value each), the entries, and a CRC.
+std::vector<uint32_t> plxEepromImage() {
+    std::vector<uint8_t> bytes;
+    const struct {
+        uint16_t address;
+        uint32_t value;
+    } entries[] = {{0x0008, 0x060400CA}, {0x002C, 0x874910B5}, {0x0078, 0x00008FC2}, {0x007C, 0x00477C83},
+                   {0x020C, 0x00000102}, {0x0224, 0x00000000}, {0x0280, 0x01000000}, {0x0F70, 0x00000003},
+                   {0x1078, 0x00008FC2}, {0x2078, 0x00008FC2}, {0x3078, 0x00008FC2}, {0x4078, 0x00008FC2},
+                   {0x5078, 0x00008FC2}, {0x3E78, 0x00008FC2}};
+    for (const auto& e : entries) {
+        bytes.push_back(static_cast<uint8_t>(e.address >> 2));
+        bytes.push_back(static_cast<uint8_t>(e.address >> 10));
+        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(e.value >> (8 * i)));
+    }
+    const uint32_t length = static_cast<uint32_t>(bytes.size());
+    std::vector<uint32_t> image{0x5A | length << 16};
+    uint32_t crc = 0xFFFFFFFF;
+    for (size_t i = 0; i < bytes.size(); i += 4) {
+        uint32_t v = 0;
+        for (size_t b = 0; b < 4 && i + b < bytes.size(); ++b) v |= static_cast<uint32_t>(bytes[i + b]) << (8 * b);
+        image.push_back(v);
+        crc = (crc << 1 | crc >> 31) ^ v;
+    }
+    image.push_back(crc);
+    return image;
 }
 
 std::shared_ptr<PciFunction> rootPort(uint16_t d, int port, int maxWidth, int width, int secondary) {
@@ -476,6 +554,10 @@ PciBoard::PciBoard(VirtualBoard& board) : m_board(board) {
     plxLink->addPcieCapability(0, kPlxNtVirtualPort, kGen3, 4, kGen3, 4);
     plxLink->addAer();
     plx->attach(kPlxNtLinkPort, plxLink);
+    // The switch's serial EEPROM holds its configuration image.
+    plx->eeprom = std::make_shared<PlxEepromController>(&board.clock(), true);
+    plx->eeprom->load(plxEepromImage());
+    up->poke(0x20C, 0x0102, 2);  // image version 01.02, loaded from the EEPROM at reset
     windows.push_back({kPlxBar, PlxRegisters::kSize, plx->base()});
     windows.push_back({kPlxNtBar, PlxRegisters::kSize, plx->base()});
 
@@ -490,6 +572,14 @@ PciBoard::PciBoard(VirtualBoard& board) : m_board(board) {
     auto nvsram = endpoint(0x10EE, 0x7021, 0x088000, 0, kGen2, 1);
     nvsram->setBar(0, 0xFB200000, 0x100000, 0);
     add("0000:05:00.0", nvsram);
+
+    // Root and downstream ports train their links in virtual time.
+    for (const auto& entry : m_functions) {
+        PciFunction& f = *entry.second;
+        const uint32_t c = f.pcieCapability();
+        const int type = c ? static_cast<int>((f.read(c + 2, 2) >> 4) & 0xF) : -1;
+        if (type == 4 || type == 6) f.enableLinkTraining(&board.clock());
+    }
 
     // Network controllers behind the SoC's root ports.
     auto i210 = endpoint(0x8086, 0x1533, 0x020000, 3, kGen1, 1);

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "vboard/DeviceModel.h"
+#include "vboard/VirtualClock.h"
+#include "vboard/models/pci/PlxEeprom.h"
 
 namespace quarn::vboard {
 
@@ -41,7 +43,16 @@ public:
     uint32_t addPcieCapability(int portType, int portNumber, int maxSpeed, int maxWidth,
                                int speed, int width, uint32_t offset = 0);
     uint32_t addAer(uint32_t offset = 0x100);
+    // Sets the link as trained with its partner: the port's state, which retraining
+    // comes back to.
     void setLink(int speed, int width);
+    // Link training of a port: writing Retrain Link (link control bit 5) starts it; it
+    // lasts trainingNs of the clock, with bits 11 and 15 of the link status set, and
+    // ends with the port's width and speed and bit 14 (bandwidth management) set.
+    void enableLinkTraining(VirtualClock* clock, uint64_t trainingNs = 100000);
+    // Fault: every n-th retrain comes back at this width and speed (0 keeps either).
+    void degradeRetrain(int everyN, int width, int speed);
+    unsigned retrains() const { return m_retrains; }
 
     uint32_t pcieCapability() const { return m_pcie; }
     uint32_t aerCapability() const { return m_aer; }
@@ -53,6 +64,8 @@ public:
 private:
     void mask(uint32_t offset, uint32_t writable, uint32_t w1c, int width);
     void mirror() const;
+    void startTraining();
+    void settle() const;
 
     size_t m_size;
     std::vector<uint8_t> m_own;
@@ -65,6 +78,14 @@ private:
     uint32_t m_aer = 0;
     uint32_t m_lastExt = 0;
     std::string m_mirror;
+    VirtualClock* m_clock = nullptr;
+    uint64_t m_trainingNs = 0;
+    mutable uint64_t m_trainUntil = 0;
+    mutable bool m_training = false;
+    int m_partnerSpeed = 0, m_partnerWidth = 0;
+    int m_targetSpeed = 0, m_targetWidth = 0;
+    int m_degradeEvery = 0, m_degradeWidth = 0, m_degradeSpeed = 0;
+    unsigned m_retrains = 0;
 };
 
 // Configuration mechanism #1: address latch at 0xCF8, data window at 0xCFC-0xCFF.
@@ -95,6 +116,9 @@ public:
     void write32(uint32_t offset, uint32_t value);
     uint32_t read(uint32_t offset, int width) const;
     void write(uint32_t offset, uint32_t value, int width);
+
+    // The EEPROM controller at 0x260/0x264 of the upstream port's registers.
+    std::shared_ptr<PlxEepromController> eeprom;
 
 private:
     std::vector<uint8_t> m_space;
