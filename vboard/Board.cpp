@@ -52,6 +52,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     }
 
     scsiDisk = installScsiDisk(*this, 0, "sda");
+    usb = installUsbDevices(*this);
+    nvme = installNvmeController(*this, 0, "0000:04:00.0", "pci0000:00/0000:00:01.0/0000:01:00.0/0000:02:02.0/0000:04:00.0");
 
     // The AHCI controller's ABAR sits at 0xFBF02000 (the address the SATA layer reads its
     // port registers at); two SATA disks on ports 0 and 2. The window covers the whole

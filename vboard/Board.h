@@ -8,6 +8,7 @@
 #include "vboard/VirtualBoard.h"
 #include "vboard/models/i2c/I2cBoard.h"
 #include "vboard/models/memory/MemoryController.h"
+#include "vboard/models/nvme/NvmeControllerModel.h"
 #include "vboard/models/pci/PciModels.h"
 #include "vboard/models/rtc/Pit8254Model.h"
 #include "vboard/models/processor/ProcessorModels.h"
@@ -16,6 +17,7 @@
 #include "vboard/models/sata/AhciControllerModel.h"
 #include "vboard/models/sata/SataDiskModel.h"
 #include "vboard/models/memory/SmbiosModel.h"
+#include "vboard/models/usb/UsbModels.h"
 
 namespace quarn::vboard {
 
@@ -35,6 +37,8 @@ public:
     std::shared_ptr<AhciControllerModel> ahci;  // 00:1f.2 ABAR registers (6 ports)
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
+    std::shared_ptr<NvmeControllerModel> nvme;  // 04:00.0: /dev/nvme0, /dev/nvme0n1
+    UsbTree usb;  // xHCI 00:14.0: a USB stick (/dev/sdd, /dev/sg3), a keyboard and a mouse
     std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
 };
 
