@@ -51,7 +51,28 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
             });
     }
 
-    scsiDisk = installScsiDisk(*this, 0, "sda");
+    // The SAS3008 behind the switch (03:00.0) with two cascaded expanders and their disks.
+    sas = std::make_unique<SasFabric>(*this);
+    scsiDisk = sas->addDrive(0, 0x10, 0, "sda");
+    {
+        ScsiDiskConfig ssd;
+        ssd.vendor = "HGST";
+        ssd.product = "HUSMM1640ASS204";
+        ssd.revision = "A204";
+        ssd.serial = "0QV1KX5A";
+        ssd.blocks = 781422768ull;  // 400 GB
+        ssd.naa = 0x5000CCA04E1A2B30ull;
+        ssd.portAddress = 0x5000CCA04E1A2B31ull;
+        ssd.rpm = 1;  // non-rotating
+        ssd.formFactor = 3;
+        ssd.linkRate = 0x0A;  // 6 Gbit/s
+        sasDisk2 = sas->addDrive(0, 0x12, 3, "sdd", ssd);
+        ScsiDiskConfig second;
+        second.serial = "ZC11K7PL0000C8301AB2";
+        second.naa = 0x5000C500A1B2D4E0ull;
+        second.portAddress = 0x5000C500A1B2D4E1ull;
+        sasDisk5 = sas->addDrive(1, 0x15, 4, "sde", second);
+    }
     usb = installUsbDevices(*this);
     nvme = installNvmeController(*this, 0, "0000:04:00.0", "pci0000:00/0000:00:01.0/0000:01:00.0/0000:02:02.0/0000:04:00.0");
 

@@ -13,6 +13,7 @@
 #include "vboard/models/rtc/Pit8254Model.h"
 #include "vboard/models/processor/ProcessorModels.h"
 #include "vboard/models/rtc/RtcModel.h"
+#include "vboard/models/sas/SasModels.h"
 #include "vboard/models/scsi/ScsiDiskModel.h"
 #include "vboard/models/sata/AhciControllerModel.h"
 #include "vboard/models/sata/SataDiskModel.h"
@@ -33,12 +34,15 @@ public:
     std::shared_ptr<McelogModel> mcelog;
     std::unique_ptr<MemoryController> memory;  // /dev/mem, memmap, EDAC, memory.conf
     std::unique_ptr<PciBoard> pci;  // PCI hierarchy, config mechanism #1, PLX registers
-    std::shared_ptr<ScsiDiskModel> scsiDisk;  // SAS disk behind the SAS3008: /dev/sg0, sda
+    std::unique_ptr<SasFabric> sas;  // SAS3008 (/dev/mpt3ctl), expanders EXP0/EXP1, SAS tools
+    std::shared_ptr<ScsiDiskModel> scsiDisk;   // SAS1-DRIVE0 (EXP0 PHY 16): /dev/sg0, sda
+    std::shared_ptr<ScsiDiskModel> sasDisk2;   // SAS1-DRIVE2 (EXP0 PHY 18, 6 Gbit/s SSD): /dev/sg3, sdd
+    std::shared_ptr<ScsiDiskModel> sasDisk5;   // SAS1-DRIVE5 (EXP1 PHY 21): /dev/sg4, sde
     std::shared_ptr<AhciControllerModel> ahci;  // 00:1f.2 ABAR registers (6 ports)
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
     std::shared_ptr<NvmeControllerModel> nvme;  // 04:00.0: /dev/nvme0, /dev/nvme0n1
-    UsbTree usb;  // xHCI 00:14.0: a USB stick (/dev/sdd, /dev/sg3), a keyboard and a mouse
+    UsbTree usb;  // xHCI 00:14.0: a USB stick (/dev/sdf, /dev/sg5), a keyboard and a mouse
     std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
 };
 

@@ -169,6 +169,15 @@ std::shared_ptr<DeviceModel> VirtualBoard::modelOf(int fd) const {
 int VirtualBoard::open(const std::string& path, int flags, mode_t mode) {
     std::string n = normalize(path);
     std::shared_ptr<DeviceModel> model = device(n);
+    if (!model && (n.compare(0, 11, "/sys/class/") == 0 || n.compare(0, 11, "/sys/block/") == 0)) {
+        // A model's attribute reached through a sysfs class or block link is the same
+        // node: the links inside the root are followed to its own path.
+        std::error_code ec;
+        const std::string real = std::filesystem::canonical(hostPath(n), ec).string();
+        const std::string root = ec ? "" : std::filesystem::canonical(m_root, ec).string();
+        if (!ec && real.size() > root.size() && real.compare(0, root.size() + 1, root + "/") == 0)
+            model = device(real.substr(root.size()));
+    }
     std::shared_ptr<FileHandle> h;
     if (model) {
         if (model->faults().openErrno) {

@@ -44,21 +44,21 @@ TEST_F(UsbTest, DevicesAreNamedByKindInDiscoveryOrder) {
     ASSERT_EQ(render(usb.getLogicalIdByName("usb0", &id)), "");
     EXPECT_EQ(id, 2u);
     EXPECT_EQ(std::string(usb.entry(2)->interface), "1-1:1.0");
-    EXPECT_EQ(std::string(usb.entry(2)->node), "sdd");
+    EXPECT_EQ(std::string(usb.entry(2)->node), "sdf");
     EXPECT_EQ(render(usb.getLogicalIdByName("usb1", &id)),
               "USBDDAPI::getLogicalIdByName: \"USB Device Name Not Found - usb1\"");
 }
 
 TEST_F(UsbTest, AttributesOfTheDiskAndOfAKeyboard) {
     USBDDAPI usb("USB_drv");
-    EXPECT_EQ(data(usb, 2, USB_DATA_DEVICE_NODE), "/dev/sdd");
+    EXPECT_EQ(data(usb, 2, USB_DATA_DEVICE_NODE), "/dev/sdf");
     EXPECT_EQ(data(usb, 2, USB_DATA_SERIAL), "4C530001230817116082");
     EXPECT_EQ(data(usb, 2, USB_DATA_MANUFACTURER), "SanDisk");
     EXPECT_EQ(data(usb, 2, USB_DATA_SIZE), "15264.00");  // 31260672 sectors
     EXPECT_EQ(data(usb, 2, USB_DATA_VERSION), " 2.00");
     EXPECT_EQ(data(usb, 2, USB_DATA_SPEED), "480");
     EXPECT_EQ(data(usb, 2, USB_DATA_LOGICAL_BLOCK_SIZE), "512");
-    EXPECT_EQ(data(usb, 2, USB_DATA_SG_NODE), "/dev/sg3");
+    EXPECT_EQ(data(usb, 2, USB_DATA_SG_NODE), "/dev/sg5");
     EXPECT_EQ(data(usb, 2, USB_DATA_NONE), "<none>");
     EXPECT_EQ(data(usb, 0, USB_DATA_DEVICE_NODE), "None");
     EXPECT_EQ(data(usb, 0, USB_DATA_SIZE), "None");
@@ -78,7 +78,7 @@ TEST_F(UsbTest, NothingAttached) {
 
 TEST_F(UsbTest, ReadTenLayout) {
     USBDDAPI usb("USB_drv");
-    const int fd = quarn::platform().open("/dev/sdd", O_RDWR);
+    const int fd = quarn::platform().open("/dev/sdf", O_RDWR);
     ASSERT_GE(fd, 0);
     std::vector<unsigned char> buffer(65536);
     // LBA 0x12345678 lies beyond the 16 GB stick: the CDB is sent as laid out, the disk refuses it.

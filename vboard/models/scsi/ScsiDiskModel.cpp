@@ -583,9 +583,13 @@ void ScsiDiskModel::modeSense(Command& c, bool ten) {
     const uint8_t page = c.cdb[2] & 0x3F;
     const uint8_t subpage = c.cdb[3];
     const uint32_t allocation = ten ? static_cast<uint32_t>(getBE(c.cdb + 7, 2)) : c.cdb[4];
-    if (subpage != 0 && !(page == 0x3F && subpage == 0xFF)) return checkCondition(c, kIllegalRequest, 0x24, 0x00);
+    const bool phySubpage = page == 0x19 && subpage == 0x01;
+    if (subpage != 0 && !phySubpage && !(page == 0x3F && subpage == 0xFF))
+        return checkCondition(c, kIllegalRequest, 0x24, 0x00);
     std::vector<uint8_t> pages;
-    if (page == 0x3F) {
+    if (phySubpage) {
+        pages = phyControlSubpage();
+    } else if (page == 0x3F) {
         for (const auto& entry : m_modeCurrent) {
             const std::vector<uint8_t> p = modePage(entry.first, pc);
             pages.insert(pages.end(), p.begin(), p.end());
@@ -614,6 +618,33 @@ void ScsiDiskModel::modeSense(Command& c, bool ten) {
     else
         d[0] = static_cast<uint8_t>(std::min<size_t>(d.size() - 1, 0xFF));
     dataIn(c, d, allocation);
+}
+
+// SAS phy control and discover subpage (SPL-3): one 48-byte descriptor per PHY; port A
+// is cabled as configured, port B is not connected.
+std::vector<uint8_t> ScsiDiskModel::phyControlSubpage() const {
+    std::vector<uint8_t> p(8 + 2 * 48, 0);
+    p[0] = 0x40 | 0x19;  // SPF
+    p[1] = 0x01;
+    putBE(&p[2], p.size() - 4, 2);
+    p[5] = 0x06;  // SAS
+    p[7] = 2;
+    for (int i = 0; i < 2; ++i) {
+        uint8_t* d = &p[8 + 48 * i];
+        d[1] = static_cast<uint8_t>(i);
+        putBE(d + 8, m_config.portAddress + static_cast<uint64_t>(i), 8);
+        d[32] = 0x88;  // programmed / hardware minimum 1.5 Gbit/s
+        d[33] = 0xBB;  // maximum 12 Gbit/s
+        if (i == 0 && m_config.attachedAddress) {
+            d[4] = static_cast<uint8_t>((m_config.attachedDeviceType & 0x07) << 4);
+            d[5] = m_config.linkRate & 0x0F;
+            d[6] = m_config.attachedDeviceType == 1 ? 0x0E : 0x00;  // an HBA: SSP, STP, SMP initiator
+            d[7] = m_config.attachedDeviceType == 1 ? 0x00 : 0x02;  // an expander: SMP target
+            putBE(d + 16, m_config.attachedAddress, 8);
+            d[24] = m_config.attachedPhy;
+        }
+    }
+    return p;
 }
 
 // Every page of the list is checked before any is applied, so a refused list changes nothing.

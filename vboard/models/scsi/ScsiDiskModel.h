@@ -32,6 +32,11 @@ struct ScsiDiskConfig {
     uint8_t protocol = 6;  // SAS Serial SCSI Protocol
     uint32_t heads = 16;
     uint32_t sectorsPerTrack = 2048;
+    // Port A's PHY as the phy control and discover mode subpage (0x19/0x01) reports it.
+    uint64_t attachedAddress = 0x500605B000000000ull;  // SAS address of what the PHY is cabled to
+    uint8_t attachedPhy = 0;         // that device's PHY
+    uint8_t attachedDeviceType = 2;  // 1 end device, 2 expander
+    uint8_t linkRate = 0x0B;         // negotiated: 0x0B 12 Gbit/s
 };
 
 class ScsiDiskModel : public DeviceModel {
@@ -97,6 +102,7 @@ private:
     void reportLuns(Command& c);
     std::vector<uint8_t> logPage(uint8_t page, uint8_t pc, uint16_t pointer) const;
     std::vector<uint8_t> modePage(uint8_t page, uint8_t pc) const;
+    std::vector<uint8_t> phyControlSubpage() const;
     void buildModePages();
 
     ScsiDiskConfig m_config;

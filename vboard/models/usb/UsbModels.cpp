@@ -111,17 +111,17 @@ UsbTree installUsbDevices(VirtualBoard& board, UsbDiskConfig config) {
     const std::string lun = std::string(kController) + "/usb1/1-1/1-1:1.0/host6/target6:0:0/6:0:0:0";
     board.writeFile(lun + "/vendor", config.manufacturer + "\n");
     board.writeFile(lun + "/model", config.product + "\n");
-    board.writeFile(lun + "/scsi_generic/sg3/dev", "21:3\n");
-    const std::string block = lun + "/block/sdd";
+    board.writeFile(lun + "/scsi_generic/sg5/dev", "21:5\n");
+    const std::string block = lun + "/block/sdf";
     board.writeFile(block + "/size", std::to_string(config.sectors) + "\n");
     board.writeFile(block + "/removable", "1\n");
     board.writeFile(block + "/queue/logical_block_size", "512\n");
     board.writeFile(block + "/queue/physical_block_size", "512\n");
     board.makeSymlink(relativeTarget(block, lun), block + "/device");
-    board.makeSymlink(relativeTarget("/sys/block", block), "/sys/block/sdd");
-    tree.disk = std::make_shared<UsbDiskModel>(config, &board.clock(), board.hostPath("/var/lib/vboard/media/sdd.img"));
-    board.addDevice("/dev/sg3", tree.disk);
-    board.addDevice("/dev/sdd", std::make_shared<UsbBlockNode>(tree.disk));
+    board.makeSymlink(relativeTarget("/sys/block", block), "/sys/block/sdf");
+    tree.disk = std::make_shared<UsbDiskModel>(config, &board.clock(), board.hostPath("/var/lib/vboard/media/sdf.img"));
+    board.addDevice("/dev/sg5", tree.disk);
+    board.addDevice("/dev/sdf", std::make_shared<UsbBlockNode>(tree.disk));
 
     // Port 2: a keyboard with its boot interface and a consumer-control interface.
     usbDevice(board, "1-2", "Dell", "Dell USB Entry Keyboard", "", " 1.10", "1.5", "413c", "2113");

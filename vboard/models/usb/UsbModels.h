@@ -74,10 +74,10 @@ private:
 };
 
 struct UsbTree {
-    std::shared_ptr<UsbDiskModel> disk;  // 1-1: /dev/sdd, /dev/sg3
+    std::shared_ptr<UsbDiskModel> disk;  // 1-1: /dev/sdf, /dev/sg5
 };
 
-// Root hub usb1 with a mass-storage stick on port 1 (sdd, sg3), a keyboard on port 2
+// Root hub usb1 with a mass-storage stick on port 1 (sdf, sg5), a keyboard on port 2
 // (boot keyboard interface and a consumer-control interface) and a mouse on port 3.
 UsbTree installUsbDevices(VirtualBoard& board, UsbDiskConfig disk = UsbDiskConfig());
 
