@@ -95,6 +95,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     second.rpm = 7200;
     sataDisk2 = installSataDisk(*this, *ahci, 2, 2, "sdc", second);
 
+    // The root file system lives on the SAS disk.
+    writeFile("/proc/mounts", "/dev/sda2 / ext4 rw,relatime 0 0\nproc /proc proc rw,nosuid 0 0\nsysfs /sys sysfs rw 0 0\n");
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }
 
