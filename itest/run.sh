@@ -153,7 +153,7 @@ timeout --foreground -k 10 "$timeout_s" qemu-system-x86_64 \
   -drive "if=none,id=sas0,file=$cache/sas0.img,format=raw" -device scsi-hd,drive=sas0,bus=mpt.0 \
   -device qemu-xhci,id=xhci \
   -drive "if=none,id=us0,file=$cache/usb.img,format=raw" -device usb-storage,drive=us0,bus=xhci.0 \
-  -device usb-kbd,bus=xhci.0 \
+  -device usb-kbd,bus=xhci.0 -device usb-mouse,bus=xhci.0 \
   "${tpmargs[@]}" >"$cache/qemu.log" 2>&1
 qrc=$?
 set -e

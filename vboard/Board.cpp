@@ -83,6 +83,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
         second.portAddress = 0x5000C500A1B2D4E1ull;
         sasDisk5 = sas->addDrive(1, 0x15, 4, "sde", second);
     }
+    usb = installUsbDevices(*this);
+    nvme = installNvmeController(*this, 0, "0000:04:00.0", "pci0000:00/0000:00:01.0/0000:01:00.0/0000:02:02.0/0000:04:00.0");
 
     // The AHCI controller's ABAR sits at 0xFBF02000 (the address the SATA layer reads its
     // port registers at); two SATA disks on ports 0 and 2. The window covers the whole
@@ -115,6 +117,8 @@ Board::Board(const std::string& root) : VirtualBoard(root) {
     fpga = std::make_shared<FpgaModel>(0xFE200000u);
     fpga->install(*this, *memory->memory());
 
+    // The root file system lives on the SAS disk.
+    writeFile("/proc/mounts", "/dev/sda2 / ext4 rw,relatime 0 0\nproc /proc proc rw,nosuid 0 0\nsysfs /sys sysfs rw 0 0\n");
     writeFile("/proc/version", "Linux version 4.19.0-veltrax-amd64 (quarn virtual board)\n");
 }
 

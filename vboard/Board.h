@@ -13,6 +13,7 @@
 #include "vboard/models/gpio/PchGpioModel.h"
 #include "vboard/models/i2c/I2cBoard.h"
 #include "vboard/models/memory/MemoryController.h"
+#include "vboard/models/nvme/NvmeControllerModel.h"
 #include "vboard/models/pci/PciModels.h"
 #include "vboard/models/rtc/Pit8254Model.h"
 #include "vboard/models/processor/ProcessorModels.h"
@@ -25,6 +26,7 @@
 #include "vboard/models/tpm/TpmModel.h"
 #include "vboard/models/uart/Uart16550Model.h"
 #include "vboard/models/nvsram/NvsramModel.h"
+#include "vboard/models/usb/UsbModels.h"
 
 namespace quarn::vboard {
 
@@ -52,6 +54,8 @@ public:
     std::shared_ptr<AhciControllerModel> ahci;  // 00:1f.2 ABAR registers (6 ports)
     std::shared_ptr<SataDiskModel> sataDisk0;   // SATA0 port 0: /dev/sg1, sdb
     std::shared_ptr<SataDiskModel> sataDisk2;   // SATA0 port 2: /dev/sg2, sdc
+    std::shared_ptr<NvmeControllerModel> nvme;  // 04:00.0: /dev/nvme0, /dev/nvme0n1
+    UsbTree usb;  // xHCI 00:14.0: a USB stick (/dev/sdf, /dev/sg5), a keyboard and a mouse
     std::unique_ptr<SmbiosFirmware> smbios;  // SMBIOS memory devices, dmidecode, decode-dimms
     SerialPorts serial;  // 16550A at 0x3F8/0x2F8/0x3E8/0x2E8 (/dev/ttyS0-3), ttyS4 without UART
     std::shared_ptr<TpmModel> tpm;  // TPM 2.0 (libtpms) behind /dev/tpm0

@@ -54,6 +54,8 @@ public:
     virtual std::unique_ptr<FileHandle> open(int flags) = 0;
     // A sysfs attribute looks like a regular file; other nodes are character devices.
     virtual bool isAttribute() const { return false; }
+    // A block device node (a disk or namespace) rather than a character device.
+    virtual bool isBlockDevice() const { return false; }
 
     DeviceFaults& faults() { return m_faults; }
     // Serialises the model's state between threads of the simulated processes.

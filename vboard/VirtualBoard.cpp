@@ -356,14 +356,16 @@ int VirtualBoard::munmap(void* addr, size_t length) {
 int VirtualBoard::stat(const std::string& path, struct stat* st) {
     std::string n = normalize(path);
     if (::stat(hostPath(n).c_str(), st) != 0) return -1;
-    if (auto d = device(n); d && !d->isAttribute()) st->st_mode = (st->st_mode & ~S_IFMT) | S_IFCHR;
+    if (auto d = device(n); d && !d->isAttribute())
+        st->st_mode = (st->st_mode & ~S_IFMT) | (d->isBlockDevice() ? S_IFBLK : S_IFCHR);
     return 0;
 }
 
 int VirtualBoard::lstat(const std::string& path, struct stat* st) {
     std::string n = normalize(path);
     if (::lstat(hostPath(n).c_str(), st) != 0) return -1;
-    if (auto d = device(n); d && !d->isAttribute()) st->st_mode = (st->st_mode & ~S_IFMT) | S_IFCHR;
+    if (auto d = device(n); d && !d->isAttribute())
+        st->st_mode = (st->st_mode & ~S_IFMT) | (d->isBlockDevice() ? S_IFBLK : S_IFCHR);
     return 0;
 }
 
@@ -376,7 +378,7 @@ int VirtualBoard::listDirectory(const std::string& path, std::vector<DirEntry>* 
     if (linuxPlatform().listDirectory(hostPath(n), entries) != 0) return -1;
     for (DirEntry& e : *entries) {
         auto d = device(n == "/" ? "/" + e.name : n + "/" + e.name);
-        if (d && !d->isAttribute()) e.type = DT_CHR;
+        if (d && !d->isAttribute()) e.type = d->isBlockDevice() ? DT_BLK : DT_CHR;
     }
     return 0;
 }
