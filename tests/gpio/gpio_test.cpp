@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "api/platform/Files.h"
 #include "api/platform/Platform.h"
 #include "dapi/gpio/GPIODAPI.h"
 #include "ddapi/gpio/GPIODDAPI.h"
@@ -255,6 +256,10 @@ TEST_F(GpioTest, PchSectionWithoutBooleansFailsTheList) {
 }
 
 TEST_F(GpioTest, FpgaDriverWithoutItsPciFunctionRefusesAccess) {
+    // The board's 72:00.0 (the battery charge control's function) taken away: no sysfs
+    // entry, and its configuration space answers as an empty slot.
+    board.removeDevice("/sys/bus/pci/devices/0000:72:00.0/config");
+    quarn::removePath("/sys/bus/pci/devices/0000:72:00.0");
     profile(std::string("[FPGA]\nBOOT_DONE ") + kBoolFpga + " GPIO_READ_WRITE 2 0 3 ACTIVE_HI TRUE\n");
     GPIODAPI gpio("GPIODAPI");
     const std::string errors = render(gpio.getErrorMsg());

@@ -64,6 +64,7 @@ TEST_F(RetrainEepromTest, CandidatesAreDownstreamFacingBridgesWithTheDeviceBehin
     EXPECT_EQ(got, (std::vector<std::string>{
                        "00:01.0 up=1 -> 0000:01:00 10b5", "00:01.1 up=1 -> 0000:08:00 8086",
                        "00:02.0 up=1 -> 0000:09:00 8086", "00:02.2 up=1 -> 0000:0a:00 8086",
+                       "00:03.2 up=1 -> 0000:0c:00 1077",
                        "02:01.0 up=1 -> 0000:03:00 1000", "02:02.0 up=1 -> 0000:04:00 8086",
                        "02:03.0 up=1 -> 0000:05:00 10ee", "02:04.0 up=0 -> ffff:ff:ff ffff",
                        "02:05.0 up=1 -> 0000:07:00 10b5"}));
