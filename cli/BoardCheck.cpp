@@ -232,7 +232,8 @@ void i2cChecks(bool virtualBoard, std::vector<CheckResult>* out) {
 void perPart(bool virtualBoard, std::vector<CheckResult>* out, const std::string& kind, const std::string& name,
              const std::string& listKind, const std::string& listCmd, const std::string& arrayKey,
              const std::string& nameKey, const std::string& cmdKind, const std::string& cmd,
-             const std::vector<std::string>& extra = {}) {
+             const std::vector<std::string>& extra = {},
+             const std::function<bool(const Value&)>& wanted = nullptr) {
     CommandRun list = runCommand(listKind, listCmd, {}, virtualBoard);
     if (!list.known) return;
     if (list.status != 0) {
@@ -243,7 +244,7 @@ void perPart(bool virtualBoard, std::vector<CheckResult>* out, const std::string
     }
     for (const auto& item : items(list.result, arrayKey)) {
         const std::string part = str(item.second, nameKey);
-        if (part.empty()) continue;
+        if (part.empty() || (wanted && !wanted(item.second))) continue;
         std::vector<std::string> args = {part};
         args.insert(args.end(), extra.begin(), extra.end());
         command(out, kind, name, part, cmdKind, cmd, args, virtualBoard);
@@ -335,6 +336,38 @@ std::vector<BoardCheck> boardChecks(bool quick) {
          }},
         {"tpm", "tpm.selftest", "the TPM's full self-test", true,
          [](bool v, std::vector<CheckResult>* out) { command(out, "tpm", "tpm.selftest", "tpm0", "tpm", "selftest", {}, v); }},
+        {"sas", "sas.phy-errors", "every SAS adapter's PHY error counters read", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             perPart(v, out, "sas", "sas.phy-errors", "sas", "list", "controllers", "name", "sas", "phy-errors");
+         }},
+        {"expander", "expander.errors", "every expander's PHY error counters read", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             perPart(v, out, "expander", "expander.errors", "expander", "list", "expanders", "name", "expander", "errors");
+         }},
+        {"nvme", "nvme.smart", "every NVMe controller's SMART / health log", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             perPart(v, out, "nvme", "nvme.smart", "nvme", "list", "controllers", "name", "nvme", "smart");
+         }},
+        {"storage", "storage.smart", "the health of every drive of the board's drive list", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             // USB sticks carry no SMART data: their health is the read test's business.
+             perPart(v, out, "storage", "storage.smart", "storage", "list", "drives", "name", "storage", "smart", {},
+                     [](const Value& d) { return str(d, "type") != "USB"; });
+         }},
+        {"eth", "eth.link", "every Ethernet port's link", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             perPart(v, out, "eth", "eth.link", "eth", "list", "ports", "name", "eth", "link");
+         }},
+        {"temp", "temp.sensors", "every temperature sensor reads", true,
+         [](bool v, std::vector<CheckResult>* out) { command(out, "temp", "temp.sensors", "", "temp", "list", {}, v); }},
+        {"psu", "psu.info", "every power supply answers", true,
+         [](bool v, std::vector<CheckResult>* out) {
+             perPart(v, out, "psu", "psu.info", "psu", "list", "supplies", "name", "psu", "info");
+         }},
+        {"bbu", "bbu.report", "the battery gauge's report", true,
+         [](bool v, std::vector<CheckResult>* out) { command(out, "bbu", "bbu.report", "", "bbu", "report", {}, v); }},
+        {"fpga", "fpga.spad-test", "the FPGA scratch pad (contents restored)", false,
+         [](bool v, std::vector<CheckResult>* out) { command(out, "fpga", "fpga.spad-test", "", "fpga", "spad-test", {}, v); }},
     };
     if (!quick) return all;
     std::vector<BoardCheck> q;

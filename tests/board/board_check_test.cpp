@@ -51,7 +51,8 @@ TEST_F(BoardCheckTest, TheShippedBoardPasses) {
         if (r.name == "sata.smart") ++smart;
         for (const quarn::cli::Measurement& m : r.measurements) EXPECT_TRUE(m.within()) << r.name << " " << m.name;
     }
-    EXPECT_EQ(kinds, (std::vector<std::string>{"rtc", "memory", "pci", "cpu", "i2c", "sata", "uart", "tpm"}));
+    EXPECT_EQ(kinds, (std::vector<std::string>{"rtc", "memory", "pci", "cpu", "i2c", "sata", "uart", "tpm", "sas", "expander",
+                                                "nvme", "storage", "eth", "temp", "psu", "bbu"}));
     EXPECT_EQ(smart, 2u);  // the two SATA drives
 }
 
