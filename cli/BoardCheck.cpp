@@ -18,9 +18,13 @@ CommandRun runCommand(const std::string& kind, const std::string& name, const st
         Context ctx;
         ctx.format = Format::Json;  // data only: no progress bar, nothing drawn
         ctx.virtualBoard = virtualBoard;
+        // Whatever a command prints itself (a report printed by the library) is kept with
+        // its text, never mixed into the board's document.
+        StdoutCapture capture;
         run.status = c.run(ctx, args);
+        const std::string printed = capture.finish();
         run.result = ctx.result;
-        run.text = ctx.text;
+        run.text = printed + ctx.text;
         run.error = ctx.error;
         if (run.status != 0 && run.error.empty()) run.error = "quarn " + kind + " " + name + " failed";
         return run;

@@ -4,6 +4,7 @@
 #include <iomanip>
 #include <iostream>
 #include <new>
+#include <cstdio>
 #include <sstream>
 
 #include "dapi/i2c/I2CDAPI.h"
@@ -126,7 +127,8 @@ ErrorMsg* BBUDAPI::getBBUInformation(std::string name) {
 
     std::ostringstream t;
     t << temperature;
-    std::ostream& out = std::cout;
+    // Built whole and printed through stdio, the same stream as every other report.
+    std::ostringstream out;
     auto pair = [&out](const std::string& l1, const std::string& v1, const std::string& l2, const std::string& v2) {
         out << std::left << std::setw(21) << l1 << ":" << std::setw(14) << v1 << std::setw(20) << l2 << ":" << v2
             << std::endl;
@@ -165,5 +167,6 @@ ErrorMsg* BBUDAPI::getBBUInformation(std::string name) {
     line("Device Name", device);
     line("Device Chemistry", chemistry);
     line("Design Data", design);
+    fputs(out.str().c_str(), stdout);
     return nullptr;
 }
